@@ -1,0 +1,44 @@
+// Single-call file operations. None logs; each reports failure by its result.
+#ifndef BASE_FILES_FILE_UTIL_H_
+#define BASE_FILES_FILE_UTIL_H_
+
+#include <cstdint>
+#include <string>
+
+#include "base/files/file_path.h"
+#include "base/files/time.h"
+
+namespace base {
+
+struct FileInformation {
+  int64_t size = 0;
+  bool is_directory = false;
+  bool is_symbolic_link = false;
+  TimePoint last_modified;
+  TimePoint last_accessed;
+  // The birth time; where the file system records none, the oldest time it
+  // does record.
+  TimePoint creation_time;
+};
+
+// The system's existence test: symbolic links are followed, so a dangling link
+// does not exist. The empty path does not exist.
+bool PathExists(const FilePath& path);
+
+// Follows symbolic links. On failure returns false and leaves *info alone.
+bool GetFileInformation(const FilePath& path, FileInformation* info);
+
+// Deletes one file, symbolic link (not its target) or empty directory, never
+// recursively. A path that is already gone counts as deleted.
+bool DoDeleteFile(const FilePath& path);
+
+// Whether the current user may read the path (access with R_OK).
+bool PathIsReadable(const FilePath& path);
+
+// Reads a whole regular file. False when it cannot be opened or read (a
+// directory, for one).
+bool ReadFileToString(const FilePath& path, std::string* contents);
+
+}  // namespace base
+
+#endif  // BASE_FILES_FILE_UTIL_H_

@@ -1,0 +1,49 @@
+// Work-URL classification: scheme filter, the subject, and the first policy
+// pattern that matches the whole subject.
+#ifndef DISPATCHER_CLASSIFIER_H_
+#define DISPATCHER_CLASSIFIER_H_
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "dispatcher/policy.h"
+
+namespace dispatcher {
+
+enum class ClassificationReason {
+  kNoPolicy,        // no rules (absent or empty): work, with its ERROR line
+  kScheme,          // not http, https, ws or wss: non-work, no log line
+  kMatched,         // a pattern matched (or the matcher gave up on it): work
+  kNoMatch,         // no pattern matched: non-work
+  kInvalidPattern,  // only with InvalidPatternHandling::kReport
+};
+
+// The dispatcher ends the process on a pattern that is not a valid
+// expression; the administrator's tool reports it instead.
+enum class InvalidPatternHandling { kAbort, kReport };
+
+struct Classification {
+  bool is_work = true;
+  ClassificationReason reason = ClassificationReason::kNoPolicy;
+  // The normalised string the patterns are matched against (empty for
+  // kNoPolicy and kScheme).
+  std::string subject;
+  // The deciding pattern as written in Local State (kMatched,
+  // kInvalidPattern).
+  std::string pattern;
+  // kInvalidPattern: the expression library's message and the offset in the
+  // translated expression.
+  std::string error;
+  size_t error_offset = 0;
+};
+
+// Classifies one URL against the rules, logging as the dispatcher does
+// ("No policy doc URLs found. ..." and one "Pattern : ..." per pattern tried).
+// Ends the process for a URL that is only an allowed scheme and a colon.
+Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_view url,
+                           InvalidPatternHandling invalid_patterns);
+
+}  // namespace dispatcher
+
+#endif  // DISPATCHER_CLASSIFIER_H_

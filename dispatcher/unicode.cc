@@ -1,0 +1,88 @@
+#include "dispatcher/unicode.h"
+
+#include <cstdint>
+
+namespace dispatcher {
+
+namespace {
+
+char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Length of the valid UTF-8 sequence at text[i], 0 when it is not valid.
+size_t ValidSequenceLength(std::string_view text, size_t i) {
+  auto byte = [&](size_t k) { return static_cast<uint8_t>(text[k]); };
+  uint8_t lead = byte(i);
+  size_t length;
+  uint32_t min;
+  if (lead < 0x80) return 1;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    min = 0x80;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    min = 0x800;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    min = 0x10000;
+  } else {
+    return 0;
+  }
+  if (i + length > text.size()) return 0;
+  uint32_t code = lead & (0x7F >> length);
+  for (size_t k = 1; k < length; ++k) {
+    if ((byte(i + k) & 0xC0) != 0x80) return 0;
+    code = (code << 6) | (byte(i + k) & 0x3F);
+  }
+  if (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
+  return length;
+}
+
+}  // namespace
+
+std::string LowercaseUrlText(std::string_view text) {
+  bool ascii = true;
+  bool valid = true;
+  for (size_t i = 0; i < text.size();) {
+    size_t length = ValidSequenceLength(text, i);
+    if (length == 0) {
+      valid = false;
+      break;
+    }
+    if (length > 1) ascii = false;
+    i += length;
+  }
+  std::string result;
+  if (ascii && valid) {
+    result.resize(text.size());
+    for (size_t k = 0; k < text.size(); ++k) result[k] = AsciiLower(text[k]);
+    return result;
+  }
+  // Whole valid text goes to the platform in one piece: some lowerings depend
+  // on the neighbouring letters.
+  if (valid) return internal::PlatformLowercaseUtf8(text);
+
+  result.reserve(text.size());
+  // Runs of ASCII take the fast path; runs of valid multi-byte UTF-8 go to the
+  // platform; invalid bytes are kept as they are.
+  size_t i = 0;
+  while (i < text.size()) {
+    size_t start = i;
+    while (i < text.size() && static_cast<uint8_t>(text[i]) < 0x80) ++i;
+    for (size_t k = start; k < i; ++k) result += AsciiLower(text[k]);
+    if (i == text.size()) break;
+    start = i;
+    size_t length;
+    while (i < text.size() && static_cast<uint8_t>(text[i]) >= 0x80 &&
+           (length = ValidSequenceLength(text, i)) != 0) {
+      i += length;
+    }
+    if (i > start) result += internal::PlatformLowercaseUtf8(text.substr(start, i - start));
+    if (i < text.size() && static_cast<uint8_t>(text[i]) >= 0x80 && ValidSequenceLength(text, i) == 0) {
+      result += text[i];
+      ++i;
+    }
+  }
+  return result;
+}
+
+}  // namespace dispatcher

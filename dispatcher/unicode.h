@@ -1,0 +1,22 @@
+// Lower-casing of URL text as the platform's string class does it.
+#ifndef DISPATCHER_UNICODE_H_
+#define DISPATCHER_UNICODE_H_
+
+#include <string>
+#include <string_view>
+
+namespace dispatcher {
+
+// Unicode lower-casing of UTF-8 text; ASCII-only text takes a fast path with
+// the same result. Bytes that are not valid UTF-8 are kept, ASCII letters
+// among them lowered.
+std::string LowercaseUrlText(std::string_view text);
+
+namespace internal {
+// The platform function (Linux: g_utf8_strdown). Only called with valid UTF-8.
+std::string PlatformLowercaseUtf8(std::string_view utf8);
+}  // namespace internal
+
+}  // namespace dispatcher
+
+#endif  // DISPATCHER_UNICODE_H_
