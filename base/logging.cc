@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -67,18 +69,36 @@ bool StderrIsNullDevice() {
   return err_stat.st_rdev == null_stat.st_rdev;
 }
 
+// A standard error that is a closed pipe must not end the process: the
+// write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
 void WriteToStderr(const std::string& line) {
+  sigset_t pipe_signal, previous_mask, pending;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &previous_mask);
+  sigpending(&pending);
+  const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
+
   const char* data = line.data();
   size_t left = line.size();
+  bool broken_pipe = false;
   while (left > 0) {
     ssize_t written = write(STDERR_FILENO, data, left);
     if (written < 0) {
       if (errno == EINTR) continue;
-      return;
+      broken_pipe = errno == EPIPE;
+      break;
     }
     data += written;
     left -= static_cast<size_t>(written);
   }
+
+  if (broken_pipe && !was_pending) {
+    struct timespec no_wait = {0, 0};
+    while (sigtimedwait(&pipe_signal, nullptr, &no_wait) < 0 && errno == EINTR) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }
 
 void WriteToLogFile(const std::string& line) {

@@ -1,0 +1,155 @@
+#include "dispatcher/dispatcher_delegate.h"
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "base/logging.h"
+#include "base/files/file_util.h"
+#include "dispatcher/classifier.h"
+#include "dispatcher/local_state.h"
+
+namespace dispatcher {
+
+namespace {
+
+// One URL's launch: the URL, the work browser found for it, and the
+// application the next attempt uses, shared by the call and its first
+// completion.
+struct Launch {
+  std::string url;
+  std::optional<std::string> work_browser;
+  std::mutex target_lock;  // the first completion may run on another thread
+  std::optional<std::string> target_application;
+};
+
+}  // namespace
+
+AppDelegate::AppDelegate(Workspace& workspace, ApplicationShell& application)
+    : workspace_(workspace), application_(application) {}
+
+void AppDelegate::launchBrowser(const std::string& url) {
+  if (!workspace_.CanOpenUrls()) {
+    LOG(ERROR) << "Current macOS version is older than the minimum supported version (macOS 10.15)!";
+    return;
+  }
+
+  const bool is_work = isWorkUrl(url);
+
+  auto launch = std::make_shared<Launch>();
+  launch->url = url;
+  launch->work_browser = workspace_.WorkBrowserLocation();
+  launch->target_application = launch->work_browser;
+
+  if (is_work) {
+    LOG(INFO) << "It is a hosted app url. Launching url in work browser.";
+  } else if (!nonWorkBrowserPath()) {
+    LOG(ERROR) << "No browser set for non-work URLs. Opening in work browser.";
+  } else {
+    std::optional<std::string> path = workspace_.PathOfLocation(*nonWorkBrowserPath());
+    if (path && base::PathExists(base::FilePath(*path))) {
+      launch->target_application = nonWorkBrowserPath();
+      LOG(INFO) << "Selected non-work browser found, will launch url in non-work browser.";
+    } else {
+      LOG(ERROR) << "Selected non-work browser not found, will open url in work browser.";
+    }
+  }
+
+  std::optional<std::string> first_target;
+  {
+    std::lock_guard<std::mutex> lock(launch->target_lock);
+    first_target = launch->target_application;
+  }
+  workspace_.OpenUrl(url, first_target, [this, launch](bool succeeded) {
+    if (!succeeded) {
+      LOG(ERROR) << "Failed to launch URL, will try to launch URL again in work browser.";
+      std::optional<std::string> retry_target;
+      {
+        std::lock_guard<std::mutex> lock(launch->target_lock);
+        launch->target_application = launch->work_browser;
+        retry_target = launch->target_application;
+      }
+      workspace_.OpenUrl(launch->url, retry_target, [this](bool retry_succeeded) {
+        lowerLaunchCounter();
+        if (!retry_succeeded) LOG(ERROR) << "Failed to launch URL in work browser as well.";
+      });
+      return;
+    }
+    lowerLaunchCounter();
+    LOG(INFO) << "Launched browser successfully.";
+  });
+}
+
+bool AppDelegate::isWorkUrl(const std::string& url) {
+  return ClassifyUrl(policyUrls(), url, InvalidPatternHandling::kAbort).is_work;
+}
+
+void AppDelegate::readLocalStatePrefs() {
+  LocalStatePolicy policy = ReadLocalStatePolicy(LocalStatePath());
+  setPolicyUrls(std::move(policy.policy_urls));
+  setNonWorkBrowserPath(std::move(policy.non_work_browser_url));
+}
+
+std::string AppDelegate::convertUrlArrayToString(const std::vector<std::string>& urls) {
+  std::string text = "[ ";
+  for (size_t i = 0; i < urls.size(); ++i) {
+    text += urls[i];
+    if (static_cast<int32_t>(i) + 1 < static_cast<int32_t>(urls.size())) text += ", ";
+  }
+  text += " ]";
+  return text;
+}
+
+void AppDelegate::applicationOpenURLs(const std::vector<std::string>& urls) {
+  LOG(INFO) << "Corvane Dispatcher received urls - " << convertUrlArrayToString(urls);
+  for (const std::string& url : urls) {
+    // Raised before the launch so that no completion can see it at zero.
+    raiseLaunchCounter();
+    launchBrowser(url);
+  }
+  if (isDispatcherTerminating()) return;
+  setIsDispatcherTerminating(true);
+  // The stand-in for the system's default-priority global queue: one worker.
+  std::thread([this] { terminateDispatcher(); }).detach();
+}
+
+void AppDelegate::terminateDispatcher() {
+  std::this_thread::sleep_for(std::chrono::duration<double>(2.0));
+  // The poll interval is the single-precision 0.1 widened to double.
+  const std::chrono::duration<double> poll_interval(static_cast<double>(0.1f));
+  while (launchCounter() != 0) std::this_thread::sleep_for(poll_interval);
+  application_.Terminate();
+}
+
+void AppDelegate::applicationWillFinishLaunching() {
+  LOG(INFO) << "Dispatcher Application is launching.";
+  setNonWorkBrowserPath(std::nullopt);
+  readLocalStatePrefs();
+  setLaunchCounter(0);
+  setIsDispatcherTerminating(false);
+}
+
+void AppDelegate::applicationWillTerminate() { LOG(INFO) << "Terminated Dispatcher Application."; }
+
+int32_t AppDelegate::launchCounter() const { return launch_counter_.load(); }
+void AppDelegate::setLaunchCounter(int32_t value) { launch_counter_.store(value); }
+void AppDelegate::raiseLaunchCounter() { launch_counter_.fetch_add(1); }
+void AppDelegate::lowerLaunchCounter() { launch_counter_.fetch_sub(1); }
+
+const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return policy_urls_; }
+void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) { policy_urls_ = std::move(rules); }
+
+const std::optional<std::string>& AppDelegate::nonWorkBrowserPath() const {
+  return non_work_browser_path_;
+}
+void AppDelegate::setNonWorkBrowserPath(std::optional<std::string> location) {
+  non_work_browser_path_ = std::move(location);
+}
+
+bool AppDelegate::isDispatcherTerminating() const { return is_dispatcher_terminating_.load(); }
+void AppDelegate::setIsDispatcherTerminating(bool terminating) {
+  is_dispatcher_terminating_.store(terminating);
+}
+
+}  // namespace dispatcher

@@ -1,0 +1,60 @@
+// Opening URLs on the Linux desktop: desktop entries through GIO, any other
+// program started directly, each URL one argv element.
+#ifndef PLATFORM_LINUX_LINUX_WORKSPACE_H_
+#define PLATFORM_LINUX_LINUX_WORKSPACE_H_
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dispatcher/workspace.h"
+
+namespace dispatcher::linux_shell {
+
+// What the dispatcher's own start left in its environment that must not, or
+// must, reach the browsers it starts.
+struct LaunchEnvironment {
+  // The token that lets the browser's window take focus.
+  std::optional<std::string> xdg_activation_token;  // XDG_ACTIVATION_TOKEN
+  std::optional<std::string> desktop_startup_id;     // DESKTOP_STARTUP_ID
+  // GIO_USE_VFS as it was before the dispatcher set it for itself.
+  std::optional<std::string> original_gio_use_vfs;
+};
+
+// Reads the environment at process start, before anything changes it.
+LaunchEnvironment CaptureLaunchEnvironment();
+
+// The desktop entry of the work browser.
+inline constexpr char kWorkBrowserDesktopId[] = "com.velora.velorabrowser.desktop";
+
+class LinuxWorkspace : public Workspace {
+ public:
+  explicit LinuxWorkspace(LaunchEnvironment environment);
+  ~LinuxWorkspace() override;
+
+  // The activation token of the delivery being handled (a later delivery can
+  // come from another process with a token of its own).
+  void SetActivationTokens(std::optional<std::string> xdg_activation_token,
+                           std::optional<std::string> desktop_startup_id);
+
+  bool CanOpenUrls() override;
+  std::optional<std::string> WorkBrowserLocation() override;
+  std::optional<std::string> PathOfLocation(const std::string& location) override;
+  void OpenUrl(const std::string& url, const std::optional<std::string>& application,
+               Completion completion) override;
+
+ private:
+  // How a started browser's environment differs from ours: a value, or
+  // nullopt to unset the variable.
+  std::vector<std::pair<std::string, std::optional<std::string>>> BrowserEnvironmentChanges();
+
+  // Tokens change per delivery while launches may be under way.
+  std::mutex mutex_;
+  LaunchEnvironment environment_;
+};
+
+}  // namespace dispatcher::linux_shell
+
+#endif  // PLATFORM_LINUX_LINUX_WORKSPACE_H_
