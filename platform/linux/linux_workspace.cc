@@ -1,0 +1,250 @@
+#include "platform/linux/linux_workspace.h"
+
+#include <fcntl.h>
+#include <gio/gdesktopappinfo.h>
+#include <gio/gio.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/types.h>
+
+#include <utility>
+
+namespace dispatcher::linux_shell {
+
+namespace {
+
+constexpr char kDesktopEntrySuffix[] = ".desktop";
+
+std::optional<std::string> GetEnvironmentVariable(const char* name) {
+  const char* value = getenv(name);
+  if (!value) return std::nullopt;
+  return std::string(value);
+}
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+struct CompletionCall {
+  Workspace::Completion completion;
+  bool succeeded;
+};
+
+gboolean RunCompletion(gpointer data) {
+  auto* call = static_cast<CompletionCall*>(data);
+  if (call->completion) call->completion(call->succeeded);
+  delete call;
+  return G_SOURCE_REMOVE;
+}
+
+// Completions always arrive from the main loop, never from inside OpenUrl,
+// so a caller never sees its own completion before OpenUrl has returned.
+void CompleteLater(Workspace::Completion completion, bool succeeded) {
+  g_idle_add_full(G_PRIORITY_DEFAULT, RunCompletion,
+                  new CompletionCall{std::move(completion), succeeded}, nullptr);
+}
+
+// GIO's launch helper reports success as soon as it runs, even when the
+// entry's program has gone, so a vanished program must be caught here for
+// the retry to happen. The Exec line is parsed with shell quoting because
+// entries may quote a program path that contains blanks.
+bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
+  // Such entries start over the session bus, or through Exec when there is
+  // none; GIO decides, and the bus name needs no program on disk.
+  if (g_desktop_app_info_get_boolean(info, "DBusActivatable")) return true;
+  gchar* exec = g_desktop_app_info_get_string(info, "Exec");
+  if (!exec) return false;
+  gint argc = 0;
+  gchar** argv = nullptr;
+  bool runnable = false;
+  if (g_shell_parse_argv(exec, &argc, &argv, nullptr) && argc > 0) {
+    gchar* program = g_find_program_in_path(argv[0]);
+    runnable = program != nullptr;
+    g_free(program);
+  }
+  g_strfreev(argv);
+  g_free(exec);
+  return runnable;
+}
+
+struct DesktopLaunch {
+  std::string url;
+  Workspace::Completion completion;
+  // The one-element list handed to GIO, alive until the launch finishes.
+  GList uris = {};
+};
+
+void OnDesktopLaunchFinished(GObject* source, GAsyncResult* result, gpointer data) {
+  auto* launch = static_cast<DesktopLaunch*>(data);
+  GError* error = nullptr;
+  g_app_info_launch_uris_finish(G_APP_INFO(source), result, &error);
+  bool succeeded = error == nullptr;
+  if (error) {
+    g_debug("Could not start the desktop entry: %s", error->message);
+    g_error_free(error);
+  }
+  if (launch->completion) launch->completion(succeeded);
+  delete launch;
+}
+
+void ReapChild(GPid pid, gint /*status*/, gpointer /*data*/) { g_spawn_close_pid(pid); }
+
+// Starts `path` with the URL as its only argument, without a shell and
+// without any fallback: unlike GLib's spawn functions, which hand a file the
+// kernel refuses (ENOEXEC) to /bin/sh, a text file that is not a script must
+// fail here. Returns the errno of the failed exec, 0 on success.
+int SpawnBrowser(const std::string& path, const std::string& url, gchar** envp) {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  // Descriptors the dispatcher holds (its log file among them) stay here.
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  sigset_t empty_mask;
+  sigset_t all_signals;
+  sigemptyset(&empty_mask);
+  sigfillset(&all_signals);
+  posix_spawnattr_setsigmask(&attributes, &empty_mask);
+  posix_spawnattr_setsigdefault(&attributes, &all_signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+  std::string program = path;
+  std::string argument = url;
+  char* argv[] = {program.data(), argument.data(), nullptr};
+  pid_t pid = 0;
+  int result = posix_spawn(&pid, program.c_str(), &actions, &attributes, argv, envp);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (result == 0) {
+    // The child is ours to reap; a browser that exits while the dispatcher
+    // still runs must not linger as a zombie.
+    g_child_watch_add(pid, ReapChild, nullptr);
+  }
+  return result;
+}
+
+}  // namespace
+
+LaunchEnvironment CaptureLaunchEnvironment() {
+  LaunchEnvironment environment;
+  environment.xdg_activation_token = GetEnvironmentVariable("XDG_ACTIVATION_TOKEN");
+  environment.desktop_startup_id = GetEnvironmentVariable("DESKTOP_STARTUP_ID");
+  environment.original_gio_use_vfs = GetEnvironmentVariable("GIO_USE_VFS");
+  return environment;
+}
+
+LinuxWorkspace::LinuxWorkspace(LaunchEnvironment environment)
+    : environment_(std::move(environment)) {}
+
+LinuxWorkspace::~LinuxWorkspace() = default;
+
+void LinuxWorkspace::SetActivationTokens(std::optional<std::string> xdg_activation_token,
+                                         std::optional<std::string> desktop_startup_id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  environment_.xdg_activation_token = std::move(xdg_activation_token);
+  environment_.desktop_startup_id = std::move(desktop_startup_id);
+}
+
+bool LinuxWorkspace::CanOpenUrls() { return true; }
+
+std::optional<std::string> LinuxWorkspace::WorkBrowserLocation() {
+  GDesktopAppInfo* info = g_desktop_app_info_new(kWorkBrowserDesktopId);
+  if (!info) return std::nullopt;
+  std::optional<std::string> location;
+  const char* filename = g_desktop_app_info_get_filename(info);
+  if (filename) {
+    gchar* uri = g_filename_to_uri(filename, nullptr, nullptr);
+    if (uri) location = std::string(uri);
+    g_free(uri);
+  }
+  g_object_unref(info);
+  return location;
+}
+
+// A file URL names the local path its path component spells, with query and
+// fragment left off, as a URL's path never includes them. A reference
+// without a scheme that starts with "/" (which the policy reader accepts as
+// well formed) is read as if written with "file:" in front, so
+// "/usr/bin/browser" is that path and "//host/x" needs host to be local.
+std::optional<std::string> LinuxWorkspace::PathOfLocation(const std::string& location) {
+  std::string uri = location;
+  if (!uri.empty() && uri[0] == '/') uri = "file:" + uri;
+  size_t end_of_path = uri.find_first_of("?#");
+  if (end_of_path != std::string::npos) uri.resize(end_of_path);
+
+  gchar* hostname = nullptr;
+  gchar* filename = g_filename_from_uri(uri.c_str(), &hostname, nullptr);
+  std::optional<std::string> path;
+  bool local_host = !hostname || hostname[0] == '\0' || g_ascii_strcasecmp(hostname, "localhost") == 0;
+  if (filename && local_host) path = std::string(filename);
+  g_free(filename);
+  g_free(hostname);
+  return path;
+}
+
+std::vector<std::pair<std::string, std::optional<std::string>>>
+LinuxWorkspace::BrowserEnvironmentChanges() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {
+      // Set by GIO when it started us; GIO sets its own for an entry it
+      // launches, and a plainly started browser must not inherit ours.
+      {"GIO_LAUNCHED_DESKTOP_FILE", std::nullopt},
+      {"GIO_LAUNCHED_DESKTOP_FILE_PID", std::nullopt},
+      // The dispatcher forces local URI handling on itself only.
+      {"GIO_USE_VFS", environment_.original_gio_use_vfs},
+      // Tokens are single-use: pass this delivery's, never a stale one.
+      {"XDG_ACTIVATION_TOKEN", environment_.xdg_activation_token},
+      {"DESKTOP_STARTUP_ID", environment_.desktop_startup_id},
+  };
+}
+
+void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::string>& application,
+                             Completion completion) {
+  std::optional<std::string> path;
+  if (application) path = PathOfLocation(*application);
+  if (!path || path->empty()) {
+    CompleteLater(std::move(completion), false);
+    return;
+  }
+  auto changes = BrowserEnvironmentChanges();
+
+  if (EndsWith(*path, kDesktopEntrySuffix)) {
+    GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(path->c_str());
+    if (!info || !DesktopEntryProgramIsRunnable(info)) {
+      if (info) g_object_unref(info);
+      CompleteLater(std::move(completion), false);
+      return;
+    }
+    GAppLaunchContext* context = g_app_launch_context_new();
+    for (const auto& [name, value] : changes) {
+      if (value)
+        g_app_launch_context_setenv(context, name.c_str(), value->c_str());
+      else
+        g_app_launch_context_unsetenv(context, name.c_str());
+    }
+    auto* launch = new DesktopLaunch{url, std::move(completion)};
+    launch->uris.data = launch->url.data();
+    g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
+                                 OnDesktopLaunchFinished, launch);
+    g_object_unref(context);
+    g_object_unref(info);
+    return;
+  }
+
+  gchar** envp = g_get_environ();
+  for (const auto& [name, value] : changes) {
+    if (value)
+      envp = g_environ_setenv(envp, name.c_str(), value->c_str(), TRUE);
+    else
+      envp = g_environ_unsetenv(envp, name.c_str());
+  }
+  int spawn_error = SpawnBrowser(*path, url, envp);
+  g_strfreev(envp);
+  if (spawn_error != 0) g_debug("Could not start %s: %s", path->c_str(), g_strerror(spawn_error));
+  CompleteLater(std::move(completion), spawn_error == 0);
+}
+
+}  // namespace dispatcher::linux_shell
