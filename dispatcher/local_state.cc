@@ -93,6 +93,7 @@ LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path) {
   std::string data;
   if (!base::ReadFileToString(path, &data)) {
     LOG(ERROR) << "Failed to read Local State data.";
+    result.status = LocalStateStatus::kReadFailed;
     return result;
   }
   LOG(INFO) << "Read local state data.";
@@ -103,6 +104,7 @@ LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path) {
   simdjson::error_code code = parser.parse(data.data(), data.size(), true).get(root);
   if (code != simdjson::SUCCESS) {
     LOG(ERROR) << "Failed to parse Local State data. Error : " << simdjson::error_message(code);
+    result.status = LocalStateStatus::kParseFailed;
     return result;
   }
   // A document must be an object or an array; a lone number, string, boolean
@@ -111,9 +113,11 @@ LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path) {
     LOG(ERROR) << "Failed to parse Local State data. Error : "
                << "The document's top level is a single value, not an object or an array; "
                   "fragments are not accepted.";
+    result.status = LocalStateStatus::kParseFailed;
     return result;
   }
   LOG(INFO) << "Successfully parsed Local State.";
+  result.status = LocalStateStatus::kParsed;
 
   element kel_prefs;
   element policy;

@@ -10,7 +10,16 @@
 
 namespace dispatcher {
 
+// How far the read got; everything short of kParsed leaves both fields empty.
+enum class LocalStateStatus {
+  kNotReadable,  // missing, or the user may not read it
+  kReadFailed,   // a directory, or the read itself failed
+  kParseFailed,  // not one JSON document whose top level is an object or array
+  kParsed,
+};
+
 struct LocalStatePolicy {
+  LocalStateStatus status = LocalStateStatus::kNotReadable;
   // nullopt when Local State has no usable `kel_prefs`/`policy`/`browser_urls`.
   std::optional<PolicyRules> policy_urls;
   // The `browser`/`browserPathForNonWorkLinks` string; nullopt when missing or
