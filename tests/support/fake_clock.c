@@ -4,13 +4,17 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 typedef int (*clock_gettime_fn)(clockid_t, struct timespec*);
 
 int clock_gettime(clockid_t clock, struct timespec* ts) {
   static clock_gettime_fn real;
-  if (!real) real = (clock_gettime_fn)dlsym(RTLD_NEXT, "clock_gettime");
+  if (!real) {
+    void* symbol = dlsym(RTLD_NEXT, "clock_gettime");
+    memcpy(&real, &symbol, sizeof(real));
+  }
   int result = real(clock, ts);
   if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE)) {
     const char* offset = getenv("CORVANE_FAKE_CLOCK_OFFSET_SECONDS");

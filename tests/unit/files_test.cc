@@ -1,5 +1,7 @@
 // Paths, files and time: the operations start-up uses to find its log file
 // and decide when it has expired.
+#include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>

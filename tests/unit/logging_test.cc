@@ -94,7 +94,7 @@ TEST_F(CapturingTest, TimestampIsLocalTimeWithZeroPadding) {
   ASSERT_EQ(lines_.size(), 1u);
   std::smatch m;
   ASSERT_TRUE(std::regex_match(lines_[0].line, m, kLinePattern)) << lines_[0].line;
-  char expected_date[8];
+  char expected_date[32];
   snprintf(expected_date, sizeof(expected_date), "%02d%02d", local.tm_mon + 1, local.tm_mday);
   EXPECT_EQ(m[1].str() + m[2].str(), expected_date);
   EXPECT_EQ(m[3], "05") << lines_[0].line;
