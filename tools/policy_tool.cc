@@ -253,8 +253,9 @@ Explanation Explain(const std::optional<dispatcher::PolicyRules>& rules, const s
   // The dispatcher only builds a subject when there is policy; a URL that
   // leaves nothing for it ends the dispatcher, so it must never reach the
   // classifier here.
+  std::optional<std::string> rest;
   if (rules && !rules->empty() && IsAllowedScheme(url) &&
-      !dispatcher::UrlWithoutSchemeAndPort(url)) {
+      (!(rest = dispatcher::UrlWithoutSchemeAndPort(url)) || rest->empty())) {
     result.decision = "abort";
     result.reason = "scheme only";
     return result;
