@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Builds the benchmark programs (release with debug info) and prints their
+# figures. Extra arguments go to every program (e.g. --benchmark_filter=...).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default -j "$(nproc)"
+for bench in build/default/bench/*_bench; do
+  [[ -x "$bench" ]] || continue
+  echo "== $(basename "$bench")"
+  "$bench" "$@"
+done
