@@ -1,10 +1,16 @@
 // URL patterns: "*" for any run of characters, "." for a literal dot, "*."
 // for an optional dot or slash; every other expression operator keeps its
 // meaning. A pattern must match the whole subject.
+//
+// Matching is case-insensitive for ASCII only: pattern (after translation)
+// and subject are lowered byte by byte, so an upper-case escape such as "\W"
+// acts as "\w". A "." or "*" in the expression never matches CR or LF.
 #ifndef DISPATCHER_URL_PATTERN_H_
 #define DISPATCHER_URL_PATTERN_H_
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace dispatcher {
 
@@ -32,6 +38,45 @@ MatchResult TryMatchUrlPattern(const std::string& subject, const std::string& pa
 // True when the whole subject matches; ends the process (abort) on a pattern
 // that is not a valid expression.
 bool MatchUrlPattern(const std::string& subject, const std::string& pattern);
+
+namespace internal {
+
+// A subject lowered once and matched against many patterns, so that each
+// pattern costs no copy of a long URL.
+class LoweredSubject {
+ public:
+  // Lowers ASCII letters of `subject` in place.
+  explicit LoweredSubject(std::string subject);
+  const std::string& text() const { return text_; }
+  bool has_line_break() const { return has_line_break_; }
+
+ private:
+  std::string text_;
+  bool has_line_break_ = false;
+};
+
+// TryMatchUrlPattern on a prepared subject.
+MatchResult MatchLoweredSubject(const LoweredSubject& subject, const std::string& pattern,
+                                PatternCheck* check);
+
+// Whether the pattern holds no expression operator, so that it translates to
+// literals, "\.", "(.*)" and "[./]?" only and is short enough to be sure to
+// compile.
+bool IsPlainUrlPattern(const std::string& pattern);
+
+// The wildcard matcher used for plain patterns: nullopt when the pattern is
+// not plain or the subject holds CR or LF (which "(.*)" does not match).
+std::optional<bool> PlainPatternMatch(const LoweredSubject& subject, const std::string& pattern);
+
+// Always the expression library: what PlainPatternMatch must agree with.
+MatchResult ExpressionMatch(const LoweredSubject& subject, const std::string& pattern,
+                            PatternCheck* check);
+
+// Ends the process for a pattern that is not a valid expression, naming it
+// and the library's message on standard error.
+[[noreturn]] void AbortOnInvalidPattern(const std::string& pattern, const PatternCheck& check);
+
+}  // namespace internal
 
 }  // namespace dispatcher
 

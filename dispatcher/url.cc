@@ -1,0 +1,143 @@
+#include "dispatcher/url.h"
+
+#include <cstddef>
+
+namespace dispatcher {
+
+namespace {
+
+bool IsAsciiAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool IsAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsHexDigit(char c) {
+  return IsAsciiDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// unreserved, gen-delims and sub-delims of RFC 3986; "%" is checked apart.
+bool IsUrlCharacter(char c) {
+  if (IsAsciiAlpha(c) || IsAsciiDigit(c)) return true;
+  switch (c) {
+    case '-': case '.': case '_': case '~':
+    case ':': case '/': case '?': case '#': case '[': case ']': case '@':
+    case '!': case '$': case '&': case '\'': case '(': case ')':
+    case '*': case '+': case ',': case ';': case '=':
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool IsValidScheme(std::string_view scheme) {
+  if (scheme.empty() || !IsAsciiAlpha(scheme[0])) return false;
+  for (char c : scheme) {
+    if (!IsAsciiAlpha(c) && !IsAsciiDigit(c) && c != '+' && c != '-' && c != '.') return false;
+  }
+  return true;
+}
+
+// The authority without its port: the port is the run of digits behind the
+// last ":" of the host part (behind "]" for an IP literal). A "port" that is
+// not all digits is left in place, as the host would not parse anyway.
+std::string_view AuthorityWithoutPort(std::string_view authority) {
+  size_t at = authority.rfind('@');
+  size_t host_start = at == std::string_view::npos ? 0 : at + 1;
+  std::string_view host_port = authority.substr(host_start);
+  size_t colon;
+  if (!host_port.empty() && host_port[0] == '[') {
+    size_t close = host_port.find(']');
+    if (close == std::string_view::npos || close + 1 >= host_port.size() ||
+        host_port[close + 1] != ':') {
+      return authority;
+    }
+    colon = close + 1;
+  } else {
+    colon = host_port.rfind(':');
+    if (colon == std::string_view::npos) return authority;
+  }
+  for (size_t k = colon + 1; k < host_port.size(); ++k) {
+    if (!IsAsciiDigit(host_port[k])) return authority;
+  }
+  return authority.substr(0, host_start + colon);
+}
+
+}  // namespace
+
+UrlParts SplitUrl(std::string_view url) {
+  UrlParts parts;
+  size_t pos = 0;
+  // scheme: one or more bytes other than ":/?#", then ":".
+  size_t first_special = url.find_first_of(":/?#");
+  if (first_special != std::string_view::npos && first_special > 0 && url[first_special] == ':') {
+    parts.scheme = url.substr(0, first_special);
+    pos = first_special + 1;
+  }
+  if (url.size() - pos >= 2 && url[pos] == '/' && url[pos + 1] == '/') {
+    size_t start = pos + 2;
+    size_t end = url.find_first_of("/?#", start);
+    if (end == std::string_view::npos) end = url.size();
+    parts.authority = url.substr(start, end - start);
+    pos = end;
+  }
+  size_t path_end = url.find_first_of("?#", pos);
+  if (path_end == std::string_view::npos) path_end = url.size();
+  parts.path = url.substr(pos, path_end - pos);
+  pos = path_end;
+  if (pos < url.size() && url[pos] == '?') {
+    size_t end = url.find('#', pos + 1);
+    if (end == std::string_view::npos) end = url.size();
+    parts.query = url.substr(pos + 1, end - pos - 1);
+    pos = end;
+  }
+  if (pos < url.size() && url[pos] == '#') parts.fragment = url.substr(pos + 1);
+  return parts;
+}
+
+bool IsWellFormedUrl(std::string_view url) {
+  if (url.empty()) return false;
+  bool in_fragment = false;
+  for (size_t i = 0; i < url.size(); ++i) {
+    char c = url[i];
+    if (c == '%') {
+      if (i + 2 >= url.size() || !IsHexDigit(url[i + 1]) || !IsHexDigit(url[i + 2])) return false;
+      i += 2;
+      continue;
+    }
+    if (!IsUrlCharacter(c)) return false;
+    if (c == '#') {
+      // A fragment may hold "?" and "/" but no second "#".
+      if (in_fragment) return false;
+      in_fragment = true;
+    }
+  }
+  UrlParts parts = SplitUrl(url);
+  if (parts.scheme) return IsValidScheme(*parts.scheme);
+  // Without a scheme, a colon in the first path segment would be read as one.
+  size_t segment_end = url.find_first_of("/?#");
+  return url.substr(0, segment_end).find(':') == std::string_view::npos;
+}
+
+std::optional<std::string> UrlWithoutSchemeAndPort(std::string_view url) {
+  UrlParts parts = SplitUrl(url);
+  std::string result;
+  size_t size = parts.path.size();
+  if (parts.authority) size += 2 + parts.authority->size();
+  if (parts.query) size += 1 + parts.query->size();
+  if (parts.fragment) size += 1 + parts.fragment->size();
+  result.reserve(size);
+  if (parts.authority) {
+    result += "//";
+    result += AuthorityWithoutPort(*parts.authority);
+  }
+  result += parts.path;
+  if (parts.query) {
+    result += '?';
+    result += *parts.query;
+  }
+  if (parts.fragment) {
+    result += '#';
+    result += *parts.fragment;
+  }
+  if (result.empty()) return std::nullopt;
+  return result;
+}
+
+}  // namespace dispatcher
