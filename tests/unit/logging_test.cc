@@ -148,23 +148,26 @@ TEST_F(CapturingTest, MinimumLevelFiltersAndSkipsArguments) {
 
 TEST_F(CapturingTest, ErrnoIsTheCallersAfterAStatement) {
   errno = EACCES;
-  LOG(INFO) << "with errno " << errno;
+  LOG(INFO) << "a statement starts with errno cleared: " << errno;
   EXPECT_EQ(errno, EACCES);
   errno = 0;
   logging::LogMessage("f", 1, logging::LOG_ERROR).stream() << (errno = ENOENT);
   EXPECT_EQ(errno, 0);
   ASSERT_EQ(lines_.size(), 2u);
-  EXPECT_EQ(lines_[0].message, "with errno " + std::to_string(EACCES) + "\n");
+  EXPECT_EQ(lines_[0].message, "a statement starts with errno cleared: 0\n");
 }
 
-// Standard error, the initial state and the file, each in a fresh process.
+// Standard error and the file, each in a child process forked where the
+// statement runs (so that it writes where this test looks).
 class LoggingProcessTest : public ::testing::Test {
  protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "fast"); }
   TempDir dir_;
 };
 
 TEST_F(LoggingProcessTest, BeforeInitialisationOnlyWarningsAndAboveReachStderr) {
+  // A fresh process: the facility's initial values, untouched by other tests.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         LOG(INFO) << "info-before-init";
