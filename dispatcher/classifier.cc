@@ -66,7 +66,7 @@ Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_
       MatchResult match = internal::MatchLoweredSubject(lowered, pattern.text, &check);
       if (match == MatchResult::kNoMatch) continue;
       result.is_work = true;
-      result.subject = lowered.text();
+      result.subject = lowered.TakeText();
       result.pattern = pattern.text;
       if (match == MatchResult::kMatch) {
         result.reason = ClassificationReason::kMatched;
@@ -84,7 +84,7 @@ Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_
   }
   result.is_work = false;
   result.reason = ClassificationReason::kNoMatch;
-  result.subject = lowered.text();
+  result.subject = lowered.TakeText();
   return result;
 }
 

@@ -1,6 +1,7 @@
 #include "dispatcher/url.h"
 
 #include <cstddef>
+#include <cstring>
 
 namespace dispatcher {
 
@@ -59,35 +60,48 @@ std::string_view AuthorityWithoutPort(std::string_view authority) {
   return authority.substr(0, host_start + colon);
 }
 
+// The first of `bytes` at or after `pos`. A plain loop: the standard
+// find_first_of calls memchr once per byte, which is slow on 2 MB URLs.
+size_t FindFirstOf(std::string_view text, size_t pos, std::string_view bytes) {
+  for (size_t i = pos; i < text.size(); ++i) {
+    for (char b : bytes) {
+      if (text[i] == b) return i;
+    }
+  }
+  return std::string_view::npos;
+}
+
+// The first `byte` in [pos, end), or `end`.
+size_t FindByte(std::string_view text, size_t pos, size_t end, char byte) {
+  if (pos >= end) return end;
+  const void* found = std::memchr(text.data() + pos, byte, end - pos);
+  return found ? static_cast<size_t>(static_cast<const char*>(found) - text.data()) : end;
+}
+
 }  // namespace
 
 UrlParts SplitUrl(std::string_view url) {
   UrlParts parts;
   size_t pos = 0;
   // scheme: one or more bytes other than ":/?#", then ":".
-  size_t first_special = url.find_first_of(":/?#");
+  size_t first_special = FindFirstOf(url, 0, ":/?#");
   if (first_special != std::string_view::npos && first_special > 0 && url[first_special] == ':') {
     parts.scheme = url.substr(0, first_special);
     pos = first_special + 1;
   }
   if (url.size() - pos >= 2 && url[pos] == '/' && url[pos + 1] == '/') {
     size_t start = pos + 2;
-    size_t end = url.find_first_of("/?#", start);
+    size_t end = FindFirstOf(url, start, "/?#");
     if (end == std::string_view::npos) end = url.size();
     parts.authority = url.substr(start, end - start);
     pos = end;
   }
-  size_t path_end = url.find_first_of("?#", pos);
-  if (path_end == std::string_view::npos) path_end = url.size();
-  parts.path = url.substr(pos, path_end - pos);
-  pos = path_end;
-  if (pos < url.size() && url[pos] == '?') {
-    size_t end = url.find('#', pos + 1);
-    if (end == std::string_view::npos) end = url.size();
-    parts.query = url.substr(pos + 1, end - pos - 1);
-    pos = end;
-  }
-  if (pos < url.size() && url[pos] == '#') parts.fragment = url.substr(pos + 1);
+  // The fragment starts at the first "#"; the query at the first "?" before it.
+  size_t hash = FindByte(url, pos, url.size(), '#');
+  size_t question = FindByte(url, pos, hash, '?');
+  parts.path = url.substr(pos, question - pos);
+  if (question < hash) parts.query = url.substr(question + 1, hash - question - 1);
+  if (hash < url.size()) parts.fragment = url.substr(hash + 1);
   return parts;
 }
 
@@ -111,7 +125,7 @@ bool IsWellFormedUrl(std::string_view url) {
   UrlParts parts = SplitUrl(url);
   if (parts.scheme) return IsValidScheme(*parts.scheme);
   // Without a scheme, a colon in the first path segment would be read as one.
-  size_t segment_end = url.find_first_of("/?#");
+  size_t segment_end = FindFirstOf(url, 0, "/?#");
   return url.substr(0, segment_end).find(':') == std::string_view::npos;
 }
 

@@ -37,10 +37,29 @@ constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 // too large for it the same way for everyone.
 constexpr size_t kMaxPlainPatternLength = 2048;
 
+char LowerAsciiByte(char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// Eight bytes at a time: URLs can be megabytes long and are lowered for
+// every classification.
 void LowerAsciiInPlace(std::string& text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    uint64_t seven_bits = word & ~kHigh;
+    // High bit of each byte: its low seven bits are >= 'A', and > 'Z'.
+    uint64_t at_least_a = seven_bits + kOnes * (0x80 - 'A');
+    uint64_t above_z = seven_bits + kOnes * (0x80 - 'Z' - 1);
+    uint64_t upper = at_least_a & ~above_z & ~word & kHigh;
+    if (upper == 0) continue;
+    word |= upper >> 2;  // 0x80 >> 2 is the case bit 0x20
+    std::memcpy(text.data() + i, &word, 8);
   }
+  for (; i < text.size(); ++i) text[i] = LowerAsciiByte(text[i]);
 }
 
 struct CodeDeleter {
@@ -133,7 +152,8 @@ namespace internal {
 
 LoweredSubject::LoweredSubject(std::string subject) : text_(std::move(subject)) {
   LowerAsciiInPlace(text_);
-  has_line_break_ = text_.find_first_of("\r\n") != std::string::npos;
+  has_line_break_ = std::memchr(text_.data(), '\n', text_.size()) != nullptr ||
+                    std::memchr(text_.data(), '\r', text_.size()) != nullptr;
 }
 
 bool IsPlainUrlPattern(const std::string& pattern) {

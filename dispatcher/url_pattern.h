@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace dispatcher {
 
@@ -48,6 +49,8 @@ class LoweredSubject {
   // Lowers ASCII letters of `subject` in place.
   explicit LoweredSubject(std::string subject);
   const std::string& text() const { return text_; }
+  // Hands the text over; the subject is empty afterwards.
+  std::string TakeText() { return std::move(text_); }
   bool has_line_break() const { return has_line_break_; }
 
  private:

@@ -96,6 +96,22 @@ TEST(MatchUrlPatternTest, IgnoresAsciiCaseOfPatternAndSubject) {
   EXPECT_TRUE(MatchUrlPattern("\xC3\xA9" "cole.test/", "\xC3\xA9" "cole.test/*"));
 }
 
+TEST(MatchUrlPatternTest, LowersExactlyTheAsciiCapitalsOfEveryByteValue) {
+  // Every byte value at every offset within eight-byte words.
+  std::string all;
+  for (int round = 0; round < 9; ++round) {
+    all += std::string(static_cast<size_t>(round), '-');
+    for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
+  }
+  std::string expected = all;
+  for (char& c : expected) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+  }
+  EXPECT_EQ(internal::LoweredSubject(all).text(), expected);
+  EXPECT_TRUE(internal::LoweredSubject(all).has_line_break());
+  EXPECT_FALSE(internal::LoweredSubject("ABC/def").has_line_break());
+}
+
 TEST(MatchUrlPatternTest, ExpressionOperatorsKeepTheirMeaning) {
   const TableCase cases[] = {
       {"corp.test/(app|web)/*", "corp.test/web/x/", true},
