@@ -45,6 +45,10 @@ Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_
 
   std::optional<std::string> rest = UrlWithoutSchemeAndPort(url);
   if (!rest || rest->empty()) {
+    if (invalid_patterns == InvalidPatternHandling::kReport) {
+      result.reason = ClassificationReason::kSchemeOnly;
+      return result;
+    }
     // A web scheme and a colon alone leave nothing to match: by design the
     // process ends here rather than guess.
     std::fprintf(stderr, "URL has nothing behind its scheme: %.*s\n",

@@ -17,10 +17,12 @@ enum class ClassificationReason {
   kMatched,         // a pattern matched (or the matcher gave up on it): work
   kNoMatch,         // no pattern matched: non-work
   kInvalidPattern,  // only with InvalidPatternHandling::kReport
+  kSchemeOnly,      // a web scheme and a colon alone; only with kReport
 };
 
 // The dispatcher ends the process on a pattern that is not a valid
-// expression; the administrator's tool reports it instead.
+// expression, and on a URL that is a web scheme and a colon alone; the
+// administrator's tool reports both instead.
 enum class InvalidPatternHandling { kAbort, kReport };
 
 struct Classification {

@@ -8,8 +8,9 @@ namespace {
 
 char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
-// Length of the valid UTF-8 sequence at text[i], 0 when it is not valid.
-size_t ValidSequenceLength(std::string_view text, size_t i) {
+}  // namespace
+
+size_t Utf8SequenceLength(std::string_view text, size_t i) {
   auto byte = [&](size_t k) { return static_cast<uint8_t>(text[k]); };
   uint8_t lead = byte(i);
   size_t length;
@@ -37,13 +38,11 @@ size_t ValidSequenceLength(std::string_view text, size_t i) {
   return length;
 }
 
-}  // namespace
-
 std::string LowercaseUrlText(std::string_view text) {
   bool ascii = true;
   bool valid = true;
   for (size_t i = 0; i < text.size();) {
-    size_t length = ValidSequenceLength(text, i);
+    size_t length = Utf8SequenceLength(text, i);
     if (length == 0) {
       valid = false;
       break;
@@ -73,11 +72,11 @@ std::string LowercaseUrlText(std::string_view text) {
     start = i;
     size_t length;
     while (i < text.size() && static_cast<uint8_t>(text[i]) >= 0x80 &&
-           (length = ValidSequenceLength(text, i)) != 0) {
+           (length = Utf8SequenceLength(text, i)) != 0) {
       i += length;
     }
     if (i > start) result += internal::PlatformLowercaseUtf8(text.substr(start, i - start));
-    if (i < text.size() && static_cast<uint8_t>(text[i]) >= 0x80 && ValidSequenceLength(text, i) == 0) {
+    if (i < text.size() && static_cast<uint8_t>(text[i]) >= 0x80 && Utf8SequenceLength(text, i) == 0) {
       result += text[i];
       ++i;
     }

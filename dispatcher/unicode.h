@@ -12,6 +12,10 @@ namespace dispatcher {
 // among them lowered.
 std::string LowercaseUrlText(std::string_view text);
 
+// The length of the valid UTF-8 sequence that starts at text[i]; 0 when the
+// bytes there are not one (overlong forms and surrogates included).
+size_t Utf8SequenceLength(std::string_view text, size_t i);
+
 namespace internal {
 // The platform function (Linux: g_utf8_strdown). Only called with valid UTF-8.
 std::string PlatformLowercaseUtf8(std::string_view utf8);

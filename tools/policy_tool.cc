@@ -3,7 +3,6 @@
 // Every answer comes from the dispatcher's own reader and classifier; this
 // file only parses options and prints.
 
-#include <glib.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +18,7 @@
 #include "dispatcher/classifier.h"
 #include "dispatcher/local_state.h"
 #include "dispatcher/policy.h"
+#include "dispatcher/unicode.h"
 #include "dispatcher/url.h"
 #include "dispatcher/url_pattern.h"
 
@@ -104,39 +104,36 @@ void Complain(std::string_view text) {
 // (the plain output keeps the exact bytes).
 void AppendJsonString(std::string* out, std::string_view text) {
   out->push_back('"');
-  const char* cursor = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    const gchar* end = nullptr;
-    g_utf8_validate(cursor, static_cast<gssize>(left), &end);
-    size_t valid = static_cast<size_t>(end - cursor);
-    for (size_t i = 0; i < valid; ++i) {
-      unsigned char c = static_cast<unsigned char>(cursor[i]);
-      switch (c) {
-        case '"': out->append("\\\""); break;
-        case '\\': out->append("\\\\"); break;
-        case '\b': out->append("\\b"); break;
-        case '\f': out->append("\\f"); break;
-        case '\n': out->append("\\n"); break;
-        case '\r': out->append("\\r"); break;
-        case '\t': out->append("\\t"); break;
-        default:
-          if (c < 0x20 || c == 0x7f) {
-            char escape[8];
-            snprintf(escape, sizeof(escape), "\\u%04x", c);
-            out->append(escape);
-          } else {
-            out->push_back(static_cast<char>(c));
-          }
-      }
+  for (size_t i = 0; i < text.size();) {
+    size_t length = dispatcher::Utf8SequenceLength(text, i);
+    if (length == 0) {
+      out->append("\\ufffd");
+      ++i;
+      continue;
     }
-    cursor += valid;
-    left -= valid;
-    if (left == 0) break;
-    // g_utf8_validate stops at a NUL as well as at an invalid byte.
-    out->append(*cursor == '\0' ? "\\u0000" : "\\ufffd");
-    ++cursor;
-    --left;
+    if (length > 1) {
+      out->append(text.substr(i, length));
+      i += length;
+      continue;
+    }
+    unsigned char c = static_cast<unsigned char>(text[i++]);
+    switch (c) {
+      case '"': out->append("\\\""); break;
+      case '\\': out->append("\\\\"); break;
+      case '\b': out->append("\\b"); break;
+      case '\f': out->append("\\f"); break;
+      case '\n': out->append("\\n"); break;
+      case '\r': out->append("\\r"); break;
+      case '\t': out->append("\\t"); break;
+      default:
+        if (c < 0x20 || c == 0x7f) {
+          char escape[8];
+          snprintf(escape, sizeof(escape), "\\u%04x", c);
+          out->append(escape);
+        } else {
+          out->push_back(static_cast<char>(c));
+        }
+    }
   }
   out->push_back('"');
 }
@@ -231,14 +228,6 @@ dispatcher::LocalStatePolicy ReadPolicy(const base::FilePath& path,
 // ---------------------------------------------------------------------------
 // explain
 
-bool IsAllowedScheme(std::string_view url) {
-  dispatcher::UrlParts parts = dispatcher::SplitUrl(url);
-  if (!parts.scheme) return false;
-  std::string scheme(*parts.scheme);
-  for (char& c : scheme) c = static_cast<char>(g_ascii_tolower(c));
-  return scheme == "http" || scheme == "https" || scheme == "ws" || scheme == "wss";
-}
-
 struct Explanation {
   std::string decision;  // work, non-work, abort
   std::string reason;
@@ -250,16 +239,6 @@ struct Explanation {
 
 Explanation Explain(const std::optional<dispatcher::PolicyRules>& rules, const std::string& url) {
   Explanation result;
-  // The dispatcher only builds a subject when there is policy; a URL that
-  // leaves nothing for it ends the dispatcher, so it must never reach the
-  // classifier here.
-  std::optional<std::string> rest;
-  if (rules && !rules->empty() && IsAllowedScheme(url) &&
-      (!(rest = dispatcher::UrlWithoutSchemeAndPort(url)) || rest->empty())) {
-    result.decision = "abort";
-    result.reason = "scheme only";
-    return result;
-  }
   dispatcher::Classification c =
       dispatcher::ClassifyUrl(rules, url, dispatcher::InvalidPatternHandling::kReport);
   switch (c.reason) {
@@ -282,14 +261,19 @@ Explanation Explain(const std::optional<dispatcher::PolicyRules>& rules, const s
       result.error = c.error;
       result.offset = c.error_offset;
       break;
+    case dispatcher::ClassificationReason::kSchemeOnly:
+      result.reason = "scheme only";
+      break;
   }
-  if (c.reason == dispatcher::ClassificationReason::kInvalidPattern) {
+  if (c.reason == dispatcher::ClassificationReason::kInvalidPattern ||
+      c.reason == dispatcher::ClassificationReason::kSchemeOnly) {
     result.decision = "abort";
   } else {
     result.decision = c.is_work ? "work" : "non-work";
   }
   if (c.reason != dispatcher::ClassificationReason::kNoPolicy &&
-      c.reason != dispatcher::ClassificationReason::kScheme) {
+      c.reason != dispatcher::ClassificationReason::kScheme &&
+      c.reason != dispatcher::ClassificationReason::kSchemeOnly) {
     result.subject = c.subject;
   }
   return result;

@@ -320,7 +320,11 @@ TEST_F(ClassifierDeathTest, SchemeAndColonAloneEndTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   PolicyRules rules = Rules({Rule({"*"})});
   EXPECT_DEATH(ClassifyUrl(rules, "http:", InvalidPatternHandling::kAbort), "http:");
-  EXPECT_DEATH(ClassifyUrl(rules, "WSS:", InvalidPatternHandling::kReport), "WSS:");
+  EXPECT_DEATH(ClassifyUrl(rules, "WSS:", InvalidPatternHandling::kAbort), "WSS:");
+  // The administrator's tool is told instead.
+  Classification reported = ClassifyUrl(rules, "WSS:", InvalidPatternHandling::kReport);
+  EXPECT_EQ(reported.reason, ClassificationReason::kSchemeOnly);
+  EXPECT_TRUE(reported.is_work);
   // Other schemes are answered before the subject is built.
   EXPECT_EQ(Classify(rules, "mailto:").reason, ClassificationReason::kScheme);
 }
