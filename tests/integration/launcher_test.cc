@@ -406,6 +406,7 @@ TEST_F(LauncherTest, HostileUrlsArriveByteForByteAsOneArgument) {
       "#fragment",
       "--new-window?-x",
       "\xC3\xBC\xE6\x97\xA5\xE6\x9C\xAC/\xF0\x9F\x98\x80",
+      "not-utf-8/\xFF\xFE\xC3",
       std::string(100 * 1024, 'z'),
   };
   std::vector<std::string> work, other;
