@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/logging.h"
 #include "dispatcher/dispatcher_delegate.h"
 #include "dispatcher/dispatcher_main.h"
 #include "platform/linux/command_line_urls.h"
@@ -99,6 +100,13 @@ void OnShutdown(GApplication*, gpointer data) {
   static_cast<Shell*>(data)->delegate->applicationWillTerminate();
 }
 
+void CreateApplication(Shell* shell, GApplicationFlags flags) {
+  shell->application = g_application_new(kApplicationId, flags);
+  g_signal_connect(shell->application, "startup", G_CALLBACK(OnStartup), shell);
+  g_signal_connect(shell->application, "command-line", G_CALLBACK(OnCommandLine), shell);
+  g_signal_connect(shell->application, "shutdown", G_CALLBACK(OnShutdown), shell);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -116,13 +124,21 @@ int main(int argc, char** argv) {
   shell.application_shell.emplace(&shell);
   shell.delegate.emplace(*shell.workspace, *shell.application_shell);
 
-  shell.application = g_application_new(
-      kApplicationId,
-      static_cast<GApplicationFlags>(G_APPLICATION_HANDLES_COMMAND_LINE | G_APPLICATION_SEND_ENVIRONMENT));
-  g_signal_connect(shell.application, "startup", G_CALLBACK(OnStartup), &shell);
-  g_signal_connect(shell.application, "command-line", G_CALLBACK(OnCommandLine), &shell);
-  g_signal_connect(shell.application, "shutdown", G_CALLBACK(OnShutdown), &shell);
-  int status = g_application_run(shell.application, argc, argv);
+  // With a session bus the first dispatcher takes the deliveries of later
+  // ones. A later one whose delivery meets the first one going away handles
+  // the delivery itself rather than lose it.
+  const auto unique = static_cast<GApplicationFlags>(G_APPLICATION_HANDLES_COMMAND_LINE |
+                                                     G_APPLICATION_SEND_ENVIRONMENT);
+  CreateApplication(&shell, unique);
+  bool registered = g_application_register(shell.application, nullptr, nullptr);
+  const bool forwarding = registered && g_application_get_is_remote(shell.application);
+  int status = registered ? g_application_run(shell.application, argc, argv) : 1;
+  if (!registered || (forwarding && status != 0)) {
+    LOG(ERROR) << "The running dispatcher did not take this delivery; handling it in this process.";
+    g_object_unref(shell.application);
+    CreateApplication(&shell, static_cast<GApplicationFlags>(unique | G_APPLICATION_NON_UNIQUE));
+    status = g_application_run(shell.application, argc, argv);
+  }
   g_object_unref(shell.application);
   return status;
 }
