@@ -26,8 +26,8 @@ constexpr uint32_t kMatchOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED;
 // Backtracking budget: a base for short URLs plus a share per subject byte,
 // so that a long URL against an ordinary pattern completes, while a
 // catastrophic pattern gives up in a fraction of a second.
-constexpr uint32_t kMatchLimitBase = 1000000;
-constexpr uint32_t kMatchLimitPerByte = 4;
+uint32_t g_match_limit_base = 1000000;
+uint32_t g_match_limit_per_byte = 4;
 constexpr uint32_t kMatchLimitMax = 20000000;
 // Nested backtracking frames; in KiB for the heap.
 constexpr uint32_t kDepthLimit = 1000000;
@@ -220,7 +220,8 @@ MatchResult ExpressionMatch(const LoweredSubject& subject, const std::string& pa
   std::unique_ptr<pcre2_match_context, MatchContextDeleter> context(
       pcre2_match_context_create(nullptr));
   if (context) {
-    uint64_t limit = kMatchLimitBase + static_cast<uint64_t>(kMatchLimitPerByte) * text.size();
+    uint64_t limit =
+        g_match_limit_base + static_cast<uint64_t>(g_match_limit_per_byte) * text.size();
     if (limit > kMatchLimitMax) limit = kMatchLimitMax;
     pcre2_set_match_limit(context.get(), static_cast<uint32_t>(limit));
     pcre2_set_depth_limit(context.get(), kDepthLimit);
@@ -247,6 +248,11 @@ MatchResult MatchLoweredSubject(const LoweredSubject& subject, const std::string
   }
   if (check) *check = PatternCheck();
   return ExpressionMatch(subject, pattern, check);
+}
+
+void SetBacktrackingBudgetForTesting(uint32_t base, uint32_t per_byte) {
+  g_match_limit_base = base;
+  g_match_limit_per_byte = per_byte;
 }
 
 [[noreturn]] void AbortOnInvalidPattern(const std::string& pattern, const PatternCheck& check) {

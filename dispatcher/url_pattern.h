@@ -8,6 +8,7 @@
 #ifndef DISPATCHER_URL_PATTERN_H_
 #define DISPATCHER_URL_PATTERN_H_
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -74,6 +75,11 @@ std::optional<bool> PlainPatternMatch(const LoweredSubject& subject, const std::
 // Always the expression library: what PlainPatternMatch must agree with.
 MatchResult ExpressionMatch(const LoweredSubject& subject, const std::string& pattern,
                             PatternCheck* check);
+
+// Replaces the backtracking budget (calls of the library's matcher: a base
+// plus a share per subject byte); fuzzers lower it to spend their time on
+// more inputs. Not for use while another thread matches.
+void SetBacktrackingBudgetForTesting(uint32_t base, uint32_t per_byte);
 
 // Ends the process for a pattern that is not a valid expression, naming it
 // and the library's message on standard error.

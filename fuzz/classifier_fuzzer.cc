@@ -1,0 +1,147 @@
+// Classification of arbitrary URLs against arbitrary policies: never crashes
+// (the two designed aborts are avoided), logs one "Pattern : " line per
+// pattern tried, and decides as the single-pattern matcher does.
+//
+// Input: the URL, then patterns, each behind a NUL byte; a pattern that
+// starts with byte 0x01 opens a new rule (the byte is dropped), one that
+// starts with 0x02 stands for a value that is not a string.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/logging.h"
+#include "dispatcher/classifier.h"
+#include "dispatcher/url.h"
+#include "dispatcher/url_pattern.h"
+
+namespace {
+
+std::vector<std::string>* g_patterns_logged = nullptr;
+
+bool CaptureLine(int severity, const char*, int, size_t message_start, const std::string& line) {
+  std::string message = line.substr(message_start);
+  if (!message.empty() && message.back() == '\n') message.pop_back();
+  constexpr std::string_view kPrefix = "Pattern : ";
+  if (severity == logging::LOG_INFO && message.compare(0, kPrefix.size(), kPrefix) == 0) {
+    g_patterns_logged->push_back(message.substr(kPrefix.size()));
+  }
+  return true;
+}
+
+[[noreturn]] void Fail(const char* what, std::string_view url) {
+  std::fprintf(stderr, "%s\nurl (%zu bytes): %.*s\n", what, url.size(),
+               static_cast<int>(url.size()), url.data());
+  std::abort();
+}
+
+bool IsWebScheme(std::string_view scheme) {
+  std::string lowered(scheme);
+  for (char& c : lowered) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+  }
+  return lowered == "http" || lowered == "https" || lowered == "ws" || lowered == "wss";
+}
+
+std::string Reassemble(const dispatcher::UrlParts& parts) {
+  std::string url;
+  if (parts.scheme) url += std::string(*parts.scheme) + ":";
+  if (parts.authority) url += "//" + std::string(*parts.authority);
+  url += parts.path;
+  if (parts.query) url += "?" + std::string(*parts.query);
+  if (parts.fragment) url += "#" + std::string(*parts.fragment);
+  return url;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // A small backtracking budget keeps catastrophic patterns cheap.
+  dispatcher::internal::SetBacktrackingBudgetForTesting(20000, 4);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  std::vector<std::string_view> pieces;
+  size_t start = 0;
+  while (true) {
+    size_t nul = input.find('\0', start);
+    pieces.push_back(input.substr(start, nul == std::string_view::npos ? nul : nul - start));
+    if (nul == std::string_view::npos) break;
+    start = nul + 1;
+  }
+  std::string_view url = pieces[0];
+
+  dispatcher::UrlParts parts = dispatcher::SplitUrl(url);
+  if (Reassemble(parts) != url) Fail("SplitUrl does not reassemble", url);
+  dispatcher::IsWellFormedUrl(url);
+  std::optional<std::string> rest = dispatcher::UrlWithoutSchemeAndPort(url);
+  if (rest && rest->size() > url.size()) Fail("removing scheme and port grew the URL", url);
+
+  dispatcher::PolicyRules rules;
+  for (size_t i = 1; i < pieces.size(); ++i) {
+    std::string_view text = pieces[i];
+    if (rules.empty() || (!text.empty() && text[0] == '\x01')) {
+      rules.emplace_back();
+      rules.back().has_patterns = true;
+      if (!text.empty() && text[0] == '\x01') text.remove_prefix(1);
+    }
+    dispatcher::PolicyPattern pattern;
+    pattern.is_string = text.empty() || text[0] != '\x02';
+    pattern.text = std::string(text);
+    rules.back().patterns.push_back(pattern);
+  }
+
+  // The designed abort of a web URL with nothing behind its scheme.
+  bool web = parts.scheme && IsWebScheme(*parts.scheme);
+  if (!rules.empty() && web && (!rest || rest->empty())) return 0;
+
+  std::vector<std::string> logged;
+  g_patterns_logged = &logged;
+  logging::SetMinimumLogLevel(-1);
+  logging::SetLogMessageHandler(&CaptureLine);
+  std::optional<dispatcher::PolicyRules> policy;
+  if (!rules.empty()) policy = rules;
+  dispatcher::Classification result =
+      dispatcher::ClassifyUrl(policy, url, dispatcher::InvalidPatternHandling::kReport);
+  logging::SetLogMessageHandler(nullptr);
+  g_patterns_logged = nullptr;
+
+  using Reason = dispatcher::ClassificationReason;
+  if (rules.empty()) {
+    if (result.reason != Reason::kNoPolicy || !result.is_work) Fail("no policy must be work", url);
+    return 0;
+  }
+  if (!web) {
+    if (result.reason != Reason::kScheme || result.is_work || !logged.empty()) {
+      Fail("a non-web URL must be non-work without a line", url);
+    }
+    return 0;
+  }
+  const std::string& subject = result.subject;
+  if (subject.empty() || subject.back() != '/') Fail("subject must end in /", url);
+
+  // Replay: every logged pattern but the deciding one must not match.
+  std::vector<std::string> expected;
+  bool decided = false;
+  for (const dispatcher::PolicyRule& rule : rules) {
+    for (const dispatcher::PolicyPattern& pattern : rule.patterns) {
+      if (decided || !pattern.is_string || pattern.text == "*/*") continue;
+      expected.push_back(pattern.text);
+      dispatcher::MatchResult match = dispatcher::TryMatchUrlPattern(subject, pattern.text, nullptr);
+      if (match != dispatcher::MatchResult::kNoMatch) {
+        decided = true;
+        Reason reason = match == dispatcher::MatchResult::kMatch ? Reason::kMatched
+                                                                 : Reason::kInvalidPattern;
+        if (result.reason != reason || result.pattern != pattern.text || !result.is_work) {
+          Fail("classification disagrees with the matcher", url);
+        }
+      }
+    }
+  }
+  if (!decided && (result.reason != Reason::kNoMatch || result.is_work)) {
+    Fail("no pattern matched, yet the URL was classified as work", url);
+  }
+  if (logged != expected) Fail("logged patterns differ from those tried", url);
+  return 0;
+}
