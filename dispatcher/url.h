@@ -27,7 +27,9 @@ UrlParts SplitUrl(std::string_view url);
 bool IsWellFormedUrl(std::string_view url);
 
 // The URL without scheme and port: "//", user information with its "@",
-// host, path, "?" query, "#" fragment, as far as present. nullopt when
+// host, path, "?" query, "#" fragment, as far as present. The port is the
+// run of digits behind the host's last ":" (behind "]" for an IP literal)
+// and goes with its ":"; text there that is not a number stays. nullopt when
 // nothing is left (a URL that is only a scheme and a colon).
 std::optional<std::string> UrlWithoutSchemeAndPort(std::string_view url);
 

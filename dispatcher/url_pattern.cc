@@ -33,8 +33,8 @@ constexpr uint32_t kMatchLimitMax = 20000000;
 constexpr uint32_t kDepthLimit = 1000000;
 constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 
-// Longer plain patterns go to the library even so, which reports a pattern
-// too large for it the same way for everyone.
+// Longer plain patterns still go to the library, so that one too large for
+// its compiled form is invalid there as everywhere else.
 constexpr size_t kMaxPlainPatternLength = 2048;
 
 char LowerAsciiByte(char c) {
