@@ -24,11 +24,16 @@ double Now() {
 
 std::vector<std::string> BuildEnvironment(const ProcessOptions& options) {
   std::map<std::string, std::string> vars;
-  if (!options.clear_environment) {
-    for (char** e = environ; *e; ++e) {
-      const char* eq = strchr(*e, '=');
-      if (eq) vars[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
-    }
+  for (char** e = environ; *e; ++e) {
+    const char* eq = strchr(*e, '=');
+    if (!eq) continue;
+    std::string name(*e, static_cast<size_t>(eq - *e));
+    // A cleared environment still keeps the sanitizers' settings, so that a
+    // sanitized child reports as its parent was told to.
+    bool sanitizer = name.size() > 8 && name.compare(name.size() - 8, 8, "_OPTIONS") == 0 &&
+                     (name.rfind("ASAN", 0) == 0 || name.rfind("TSAN", 0) == 0 ||
+                      name.rfind("UBSAN", 0) == 0 || name.rfind("LSAN", 0) == 0);
+    if (!options.clear_environment || sanitizer) vars[name] = eq + 1;
   }
   for (const auto& [name, value] : options.env) {
     if (value)
