@@ -1,6 +1,7 @@
 // Classification of arbitrary URLs against arbitrary policies: never crashes
-// (the two designed aborts are avoided), logs one "Pattern : " line per
-// pattern tried, and decides as the single-pattern matcher does.
+// (report mode stands in for the two designed aborts), logs one
+// "Pattern : " line per pattern tried, and decides as the single-pattern
+// matcher does.
 //
 // Input: the URL, then patterns, each behind a NUL byte; a pattern that
 // starts with byte 0x01 opens a new rule (the byte is dropped), one that
@@ -92,9 +93,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rules.back().patterns.push_back(pattern);
   }
 
-  // The designed abort of a web URL with nothing behind its scheme.
   bool web = parts.scheme && IsWebScheme(*parts.scheme);
-  if (!rules.empty() && web && (!rest || rest->empty())) return 0;
+  // Where the dispatcher ends the process by design, the report mode says so.
+  bool scheme_only = web && (!rest || rest->empty());
 
   std::vector<std::string> logged;
   g_patterns_logged = &logged;
@@ -115,6 +116,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!web) {
     if (result.reason != Reason::kScheme || result.is_work || !logged.empty()) {
       Fail("a non-web URL must be non-work without a line", url);
+    }
+    return 0;
+  }
+  if (scheme_only) {
+    if (result.reason != Reason::kSchemeOnly || !result.is_work || !logged.empty()) {
+      Fail("a web scheme and a colon alone must be reported", url);
     }
     return 0;
   }
