@@ -12,22 +12,18 @@ class TempDir {
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
   const std::string& path() const { return path_; }
-  // path() + "/" + relative
-  std::string Child(const std::string& relative) const;
+  std::string Child(const std::string& relative) const { return path_ + "/" + relative; }
 
  private:
   std::string path_;
 };
 
-// mkdir -p with mode 0755.
-bool MakeDirectories(const std::string& path);
+bool MakeDirectories(const std::string& path);  // mkdir -p, mode 0755
 bool WriteFile(const std::string& path, const std::string& contents, int mode = 0644);
 std::string ReadFile(const std::string& path);
-bool FileExists(const std::string& path);
-// Removes a tree; quiet about what is missing.
-void RemoveTree(const std::string& path);
+bool FileExists(const std::string& path);  // a final symbolic link is not followed
+void RemoveTree(const std::string& path);  // quiet about what is missing
 
 }  // namespace corvane_test
 
