@@ -67,7 +67,8 @@ class DispatcherTest : public ::testing::Test {
     options.env = {{"HOME", home_.path()}, {"XDG_DATA_DIRS", Home("data")}, {"PATH", "/usr/bin:/bin"},
                    {"CORVANE_RECORDER_DIR", Home("records")}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
                    {"LD_PRELOAD", clock_ahead_seconds ? CORVANE_FAKE_CLOCK_LIBRARY : ""},
-                   {"CORVANE_FAKE_CLOCK_OFFSET_SECONDS", std::to_string(clock_ahead_seconds)}};
+                   {"CORVANE_FAKE_CLOCK_OFFSET_SECONDS", std::to_string(clock_ahead_seconds)},
+                   {"GIO_USE_VFS", "gvfs"}};  // the user's own choice, which browsers get unchanged
     return options;
   }
 
@@ -81,11 +82,9 @@ class DispatcherTest : public ::testing::Test {
     return result;
   }
 
-  // Waits for `count` records and a moment more, to see that no more come; takes them away.
+  // Waits for `count` records, and takes them away; the dispatcher has ended, so no more come.
   std::vector<BrowserRecord> Records(size_t count) {
-    WaitForBrowserRecords(Home("records"), count);
-    usleep(300000);
-    std::vector<BrowserRecord> records = ReadBrowserRecords(Home("records"));
+    std::vector<BrowserRecord> records = WaitForBrowserRecords(Home("records"), count);
     RemoveTree(Home("records"));
     EXPECT_TRUE(MakeDirectories(Home("records")));
     return records;
@@ -152,9 +151,10 @@ TEST_F(DispatcherTest, EachUrlOpensInTheChosenBrowserWithTheLauncherLines) {
     WriteLocalState(non_work);
     ASSERT_TRUE(!browser.empty() || unlink(work_entry_.c_str()) == 0);
     EXPECT_EQ(Messages(Run({url}, Options()).err, true), messages);
-    Strings started;  // "browser: argument" for each argument of each start
-    for (auto& r : Records(!browser.empty())) for (auto& arg : r.args) started.push_back(r.name + ": " + arg);
-    EXPECT_EQ(started, browser.empty() ? Strings{} : Strings{browser + ": " + url});
+    Strings got;  // "browser: argument VFS" for each argument of each start
+    for (auto& r : Records(!browser.empty()))
+      for (auto& a : r.args) got.push_back(r.name + ": " + a + " " + r.env["GIO_USE_VFS"]);
+    EXPECT_EQ(got, browser.empty() ? Strings{} : Strings{browser + ": " + url + " gvfs"});
   }
   EXPECT_FALSE(FileExists(Home("ran")));
 }
@@ -169,6 +169,7 @@ TEST_F(DispatcherTest, HostileUrlsOfOneDeliveryReachTheirBrowsersByteForByteWith
     delivery.insert(delivery.end(), {"https://intra.corp.test/" + tail, "https://news.example/" + tail});
   }
   ProcessOptions options = Options();
+  options.env["GIO_USE_VFS"] = std::nullopt;
   // As if GIO started us from our own entry, with a token to pass on.
   options.env.insert({{"GIO_LAUNCHED_DESKTOP_FILE", "/usr/share/applications/com.halvard.corvane.dispatcher.desktop"},
                       {"GIO_LAUNCHED_DESKTOP_FILE_PID", "4242"}, {"XDG_ACTIVATION_TOKEN", "token-1"},
@@ -196,14 +197,14 @@ TEST_F(DispatcherTest, SecondDeliveryIsHandledByTheRunningDispatcher) {
   options.env["D"] = CORVANE_DISPATCHER_BINARY;
   // The second starts while the first waits out its shutdown; handling its own delivery, it would launch too.
   ProcessResult result = RunProcess({"/usr/bin/dbus-run-session", "--", "/bin/sh", "-c",
-                                     "$D https://first.example/ 2>/dev/null & sleep 1; "
-                                     "$D https://second.example/ 2>/dev/null; echo $?; wait $!; echo $?"}, options);
+                                     "$D https://a.example/ & sleep 1; "
+                                     "$D https://b.example/ https://c.example/; echo $?; wait $!; echo $?"}, options);
   EXPECT_EQ(result.out, "0\n0\n") << result.err;
   Strings messages = Messages(ReadFile(log_file_));
-  for (auto [message, count] : {std::pair<std::string, int>("Dispatcher Application is launching.", 1),
-                                {"Corvane Dispatcher received urls - [ https://second.example/ ]", 1}, {kLaunched, 2}})
+  for (auto [message, count] : {std::pair<std::string, int>(kLaunched, 3), {"Dispatcher Application is launching.", 1},
+                                {"Corvane Dispatcher received urls - [ https://b.example/, https://c.example/ ]", 1}})
     EXPECT_EQ(std::count(messages.begin(), messages.end(), message), count) << message;
-  EXPECT_EQ(Records(2).size(), 2u);
+  EXPECT_EQ(Records(3).size(), 3u);
 }
 
 }  // namespace
