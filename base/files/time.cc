@@ -2,6 +2,10 @@
 
 #include <time.h>
 
+#if defined(__APPLE__)
+#include <CoreFoundation/CoreFoundation.h>
+#endif
+
 #include <cmath>
 
 namespace base {
@@ -69,16 +73,6 @@ TimeSpan operator-(TimePoint a, TimePoint b) {
   return TimeSpan::FromMicroseconds(SaturatedSub(a.us_, b.us_));
 }
 
-TimePoint operator+(TimePoint a, TimeSpan b) {
-  if (IsInfinite(a.us_)) return a;
-  return TimePoint(SaturatedAdd(a.us_, b.InMicroseconds()));
-}
-
-TimePoint operator-(TimePoint a, TimeSpan b) {
-  if (IsInfinite(a.us_)) return a;
-  return TimePoint(SaturatedSub(a.us_, b.InMicroseconds()));
-}
-
 int32_t InWholeHours(TimeSpan span) {
   int64_t hours = span.InMicroseconds() / kMicrosecondsPerHour;
   if (hours > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
@@ -86,11 +80,15 @@ int32_t InWholeHours(TimeSpan span) {
   return static_cast<int32_t>(hours);
 }
 
+#if defined(__APPLE__)
+TimePoint PlatformCurrentTime() { return TimePoint::FromAbsoluteTime(CFAbsoluteTimeGetCurrent()); }
+#else
 TimePoint PlatformCurrentTime() {
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   return TimePoint::FromPosix(now.tv_sec, now.tv_nsec);
 }
+#endif
 
 TimePoint CurrentTime() { return g_clock ? g_clock() : PlatformCurrentTime(); }
 

@@ -35,7 +35,8 @@ class TimePoint {
   static constexpr TimePoint Min() { return TimePoint(std::numeric_limits<int64_t>::min()); }
   // From a POSIX seconds-and-nanoseconds pair, saturating.
   static TimePoint FromPosix(int64_t seconds, int64_t nanoseconds);
-  // From seconds since 2001-01-01 as a double (the macOS absolute time).
+  // From seconds since 2001-01-01 as a double (the macOS absolute time, its
+  // platform clock).
   static TimePoint FromAbsoluteTime(double seconds_since_2001);
 
   constexpr int64_t ToInternalValue() const { return us_; }
@@ -45,8 +46,6 @@ class TimePoint {
   // Past the ends of the 64-bit range the span is the greatest value for a
   // positive and the least for a negative true difference.
   friend TimeSpan operator-(TimePoint a, TimePoint b);
-  friend TimePoint operator+(TimePoint a, TimeSpan b);
-  friend TimePoint operator-(TimePoint a, TimeSpan b);
 
  private:
   constexpr explicit TimePoint(int64_t us) : us_(us) {}

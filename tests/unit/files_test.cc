@@ -97,6 +97,12 @@ TEST(TimeTest, ConversionsAndSpansSaturate) {
   EXPECT_EQ(TimePoint::Max() - TimePoint::FromInternalValue(-5), TimeSpan::Max());
   EXPECT_EQ(TimePoint::Min() - TimePoint::FromInternalValue(5), TimeSpan::Min());
   EXPECT_EQ(TimePoint::FromInternalValue(10) - TimePoint::FromInternalValue(25), TimeSpan::FromMicroseconds(-15));
+
+  // The macOS clock: seconds since 2001 as a double.
+  EXPECT_TRUE(TimePoint::FromAbsoluteTime(0).is_null());
+  EXPECT_EQ(TimePoint::FromAbsoluteTime(1.5).ToInternalValue(), TimePoint::kUnixEpochOffset + 978307201500000);
+  EXPECT_EQ(TimePoint::FromAbsoluteTime(1e300), TimePoint::Max());
+  EXPECT_EQ(TimePoint::FromAbsoluteTime(-1e300), TimePoint::Min());
 }
 
 TEST(TimeTest, WholeHoursTruncateTowardZeroAndClamp) {
