@@ -105,6 +105,13 @@ TEST(TimeTest, ConversionsAndSpansSaturate) {
   EXPECT_EQ(TimePoint::FromAbsoluteTime(-1e300), TimePoint::Min());
 }
 
+TEST(TimeTest, ClockHookReplacesTheWallClock) {
+  base::SetClockHook([] { return TimePoint::FromInternalValue(123456789); });
+  EXPECT_EQ(base::CurrentTime().ToInternalValue(), 123456789);
+  base::SetClockHook(nullptr);
+  EXPECT_GT(base::CurrentTime().ToInternalValue(), TimePoint::kUnixEpochOffset);
+}
+
 TEST(TimeTest, WholeHoursTruncateTowardZeroAndClamp) {
   const std::vector<std::pair<TimeSpan, int32_t>> cases = {
       {TimeSpan::FromMicroseconds(349'199'999'999), 96}, {TimeSpan::FromMicroseconds(349'200'000'000), 97},
