@@ -15,9 +15,7 @@ namespace {
 
 bool IsWebScheme(std::string_view scheme) {
   std::string lowered(scheme);
-  for (char& c : lowered) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
+  LowerAsciiInPlace(lowered);
   return lowered == "http" || lowered == "https" || lowered == "ws" || lowered == "wss";
 }
 

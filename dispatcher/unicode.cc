@@ -1,14 +1,38 @@
 #include "dispatcher/unicode.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace dispatcher {
 
 namespace {
 
-char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char AsciiLower(char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 }  // namespace
+
+// Eight bytes at a time: URLs can be megabytes long and are lowered for
+// every classification.
+void LowerAsciiInPlace(std::string& text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    uint64_t seven_bits = word & ~kHigh;
+    // High bit of each byte: its low seven bits are >= 'A', and > 'Z'.
+    uint64_t at_least_a = seven_bits + kOnes * (0x80 - 'A');
+    uint64_t above_z = seven_bits + kOnes * (0x80 - 'Z' - 1);
+    uint64_t upper = at_least_a & ~above_z & ~word & kHigh;
+    if (upper == 0) continue;
+    word |= upper >> 2;  // 0x80 >> 2 is the case bit 0x20
+    std::memcpy(text.data() + i, &word, 8);
+  }
+  for (; i < text.size(); ++i) text[i] = AsciiLower(text[i]);
+}
 
 size_t Utf8SequenceLength(std::string_view text, size_t i) {
   auto byte = [&](size_t k) { return static_cast<uint8_t>(text[k]); };
@@ -45,7 +69,7 @@ std::string LowercaseUrlText(std::string_view text) {
   for (char c : text) high_bits |= static_cast<unsigned char>(c);
   if (high_bits < 0x80) {
     std::string result(text);
-    for (char& c : result) c = AsciiLower(c);
+    LowerAsciiInPlace(result);
     return result;
   }
   bool valid = true;

@@ -12,6 +12,9 @@ namespace dispatcher {
 // among them lowered.
 std::string LowercaseUrlText(std::string_view text);
 
+// Lowers the ASCII letters and leaves every other byte as it is.
+void LowerAsciiInPlace(std::string& text);
+
 // The length of the valid UTF-8 sequence that starts at text[i]; 0 when the
 // bytes there are not one (overlong forms and surrogates included).
 size_t Utf8SequenceLength(std::string_view text, size_t i);

@@ -154,4 +154,9 @@ std::optional<std::string> UrlWithoutSchemeAndPort(std::string_view url) {
   return result;
 }
 
+bool HasUrlScheme(std::string_view url) {
+  std::optional<std::string_view> scheme = SplitUrl(url).scheme;
+  return scheme && IsValidScheme(*scheme);
+}
+
 }  // namespace dispatcher

@@ -21,6 +21,10 @@ struct UrlParts {
 // point into the argument.
 UrlParts SplitUrl(std::string_view url);
 
+// Whether the text starts with a URL scheme and its colon
+// (ALPHA *( ALPHA / DIGIT / "+" / "-" / "." ) ":").
+bool HasUrlScheme(std::string_view url);
+
 // Whether the text is a well-formed URI reference (the platform URL
 // constructor's test): only characters a URL may hold, "%" followed by two
 // hex digits, a valid scheme when there is one. The empty string is not.

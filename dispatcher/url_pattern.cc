@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "dispatcher/unicode.h"
 
 namespace dispatcher {
 
@@ -36,31 +37,6 @@ constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 // Longer plain patterns still go to the library, so that one too large for
 // its compiled form is invalid there as everywhere else.
 constexpr size_t kMaxPlainPatternLength = 2048;
-
-char LowerAsciiByte(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-// Eight bytes at a time: URLs can be megabytes long and are lowered for
-// every classification.
-void LowerAsciiInPlace(std::string& text) {
-  constexpr uint64_t kOnes = 0x0101010101010101ull;
-  constexpr uint64_t kHigh = 0x8080808080808080ull;
-  size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    uint64_t word;
-    std::memcpy(&word, text.data() + i, 8);
-    uint64_t seven_bits = word & ~kHigh;
-    // High bit of each byte: its low seven bits are >= 'A', and > 'Z'.
-    uint64_t at_least_a = seven_bits + kOnes * (0x80 - 'A');
-    uint64_t above_z = seven_bits + kOnes * (0x80 - 'Z' - 1);
-    uint64_t upper = at_least_a & ~above_z & ~word & kHigh;
-    if (upper == 0) continue;
-    word |= upper >> 2;  // 0x80 >> 2 is the case bit 0x20
-    std::memcpy(text.data() + i, &word, 8);
-  }
-  for (; i < text.size(); ++i) text[i] = LowerAsciiByte(text[i]);
-}
 
 struct CodeDeleter {
   void operator()(pcre2_code* code) const { pcre2_code_free(code); }
@@ -241,12 +217,9 @@ MatchResult ExpressionMatch(const LoweredSubject& subject, const std::string& pa
 
 MatchResult MatchLoweredSubject(const LoweredSubject& subject, const std::string& pattern,
                                 PatternCheck* check) {
-  std::optional<bool> plain = PlainPatternMatch(subject, pattern);
-  if (plain) {
-    if (check) *check = PatternCheck();
-    return *plain ? MatchResult::kMatch : MatchResult::kNoMatch;
-  }
   if (check) *check = PatternCheck();
+  std::optional<bool> plain = PlainPatternMatch(subject, pattern);
+  if (plain) return *plain ? MatchResult::kMatch : MatchResult::kNoMatch;
   return ExpressionMatch(subject, pattern, check);
 }
 

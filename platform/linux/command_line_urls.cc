@@ -5,25 +5,9 @@
 #include "base/files/file_path.h"
 #include "base/files/file_util.h"
 #include "base/logging.h"
+#include "dispatcher/url.h"
 
 namespace dispatcher::linux_shell {
-
-namespace {
-
-bool IsAsciiAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-// scheme = ALPHA *( ALPHA / DIGIT / "+" / "-" / "." ) ":"
-bool HasUrlScheme(const std::string& text) {
-  if (text.empty() || !IsAsciiAlpha(text[0])) return false;
-  for (size_t i = 1; i < text.size(); ++i) {
-    char c = text[i];
-    if (c == ':') return true;
-    if (!IsAsciiAlpha(c) && !(c >= '0' && c <= '9') && c != '+' && c != '-' && c != '.') return false;
-  }
-  return false;
-}
-
-}  // namespace
 
 std::vector<std::string> UrlsFromCommandLine(const std::vector<std::string>& arguments,
                                              const std::string& working_directory) {
