@@ -82,7 +82,7 @@ void AppDelegate::launchBrowser(const std::string& url) {
 }
 
 bool AppDelegate::isWorkUrl(const std::string& url) {
-  return ClassifyUrl(policyUrls(), url, InvalidPatternHandling::kAbort).is_work;
+  return classifier_.Classify(url, InvalidPatternHandling::kAbort).is_work;
 }
 
 void AppDelegate::readLocalStatePrefs() {
@@ -137,8 +137,10 @@ void AppDelegate::setLaunchCounter(int32_t value) { launch_counter_.store(value)
 void AppDelegate::raiseLaunchCounter() { launch_counter_.fetch_add(1); }
 void AppDelegate::lowerLaunchCounter() { launch_counter_.fetch_sub(1); }
 
-const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return policy_urls_; }
-void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) { policy_urls_ = std::move(rules); }
+const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return classifier_.rules(); }
+void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) {
+  classifier_ = UrlClassifier(std::move(rules));
+}
 
 const std::optional<std::string>& AppDelegate::nonWorkBrowserPath() const {
   return non_work_browser_path_;

@@ -11,46 +11,37 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "dispatcher/ecmascript_regex.h"
 #include "dispatcher/unicode.h"
 
 namespace dispatcher {
 
 namespace {
 
-// Whole-string match with the options that bring the library closest to the
-// ECMAScript grammar. UTF mode stays locked out: subjects are raw bytes.
-constexpr uint32_t kCompileOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED | PCRE2_ALT_BSUX |
-                                     PCRE2_MATCH_UNSET_BACKREF | PCRE2_DOLLAR_ENDONLY |
-                                     PCRE2_NEVER_UTF | PCRE2_NEVER_UCP;
-constexpr uint32_t kMatchOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED;
+// Whole-subject match on bytes. The translated expressions spell out every
+// class and anchor, so no option changes their meaning; start-of-match
+// optimisations stay off because PCRE2 10.42 misjudges the first or required
+// byte behind a lookahead (it finds no match of "(?=a)[ab]?a" in "a").
+constexpr uint32_t kCompileOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED | PCRE2_NEVER_UTF |
+                                     PCRE2_NEVER_UCP | PCRE2_NEVER_BACKSLASH_C |
+                                     PCRE2_NO_START_OPTIMIZE;
+// Room for the groups the translation adds around the pattern's own.
+constexpr uint32_t kParensNestLimit = 1000;
 
-// Backtracking budget: a base for short URLs plus a share per subject byte,
-// so that a long URL against an ordinary pattern completes, while a
-// catastrophic pattern gives up in a fraction of a second.
-uint32_t g_match_limit_base = 1000000;
-uint32_t g_match_limit_per_byte = 4;
-constexpr uint32_t kMatchLimitMax = 20000000;
-// Nested backtracking frames; in KiB for the heap.
-constexpr uint32_t kDepthLimit = 1000000;
+// When the expression library gives up on a pattern (see the README): the
+// number of backtracking steps, and how deeply backtracking points may nest.
+// Both are set so that giving up takes some 50 ms of work; bench/
+// classify_bench.cc measures it.
+uint32_t g_match_limit = 10000000;
+uint32_t g_depth_limit = 1000000;
 constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 
-// Longer plain patterns still go to the library, so that one too large for
-// its compiled form is invalid there as everywhere else.
+// Longer plain patterns are checked like any other, so that one too large
+// for the library's compiled form is invalid there as everywhere else.
 constexpr size_t kMaxPlainPatternLength = 2048;
-
-struct CodeDeleter {
-  void operator()(pcre2_code* code) const { pcre2_code_free(code); }
-};
-struct CompileContextDeleter {
-  void operator()(pcre2_compile_context* context) const { pcre2_compile_context_free(context); }
-};
-struct MatchContextDeleter {
-  void operator()(pcre2_match_context* context) const { pcre2_match_context_free(context); }
-};
-struct MatchDataDeleter {
-  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
-};
-using CodePtr = std::unique_ptr<pcre2_code, CodeDeleter>;
+// A wildcard expression this short always compiles (its compiled form stays
+// far below the library's 64 KiB), so it is not compiled just to check it.
+constexpr size_t kMaxUncheckedExpression = 4096;
 
 std::string ErrorMessage(int error_code) {
   PCRE2_UCHAR buffer[256];
@@ -59,26 +50,32 @@ std::string ErrorMessage(int error_code) {
   return std::string(reinterpret_cast<const char*>(buffer), static_cast<size_t>(length));
 }
 
-// Compiles the lowered translation; null with *check filled when invalid.
-CodePtr Compile(const std::string& pattern, PatternCheck* check) {
+std::string LoweredTranslation(const std::string& pattern) {
   std::string expression = TranslateUrlPattern(pattern);
   LowerAsciiInPlace(expression);
-  std::unique_ptr<pcre2_compile_context, CompileContextDeleter> context(
-      pcre2_compile_context_create(nullptr));
-  if (context) {
-    // "." must not match CR or LF, as in ECMAScript.
-    pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
+  return expression;
+}
+
+// The wildcard matcher: runs[0] at the start, runs.back() at the end, the
+// runs between in order, leftmost first.
+bool MatchRuns(std::string_view text, const std::vector<std::string>& runs) {
+  if (runs.size() == 1) return text == runs[0];
+  const std::string& head = runs.front();
+  const std::string& tail = runs.back();
+  if (head.size() + tail.size() > text.size()) return false;
+  if (text.compare(0, head.size(), head) != 0) return false;
+  if (text.compare(text.size() - tail.size(), tail.size(), tail) != 0) return false;
+  size_t position = head.size();
+  size_t end = text.size() - tail.size();
+  for (size_t i = 1; i + 1 < runs.size(); ++i) {
+    const std::string& run = runs[i];
+    if (run.empty()) continue;
+    if (end - position < run.size()) return false;
+    const void* found = memmem(text.data() + position, end - position, run.data(), run.size());
+    if (!found) return false;
+    position = static_cast<size_t>(static_cast<const char*>(found) - text.data()) + run.size();
   }
-  int error_code = 0;
-  PCRE2_SIZE error_offset = 0;
-  CodePtr code(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression.data()), expression.size(),
-                             kCompileOptions, &error_code, &error_offset, context.get()));
-  if (!code && check) {
-    check->valid = false;
-    check->error = ErrorMessage(error_code);
-    check->offset = error_offset;
-  }
-  return code;
+  return true;
 }
 
 }  // namespace
@@ -106,15 +103,15 @@ std::string TranslateUrlPattern(const std::string& pattern) {
 }
 
 PatternCheck CheckUrlPattern(const std::string& pattern) {
-  PatternCheck check;
-  if (internal::IsPlainUrlPattern(pattern)) return check;
-  Compile(pattern, &check);
-  return check;
+  return internal::PreparedUrlPattern(pattern).check();
 }
 
 MatchResult TryMatchUrlPattern(const std::string& subject, const std::string& pattern,
                                PatternCheck* check) {
-  return internal::MatchLoweredSubject(internal::LoweredSubject(subject), pattern, check);
+  internal::PreparedUrlPattern prepared(pattern);
+  if (check) *check = prepared.check();
+  internal::MatchScratch scratch;
+  return prepared.Match(internal::LoweredSubject(subject), scratch);
 }
 
 bool MatchUrlPattern(const std::string& subject, const std::string& pattern) {
@@ -132,6 +129,133 @@ LoweredSubject::LoweredSubject(std::string subject) : text_(std::move(subject)) 
                     std::memchr(text_.data(), '\r', text_.size()) != nullptr;
 }
 
+struct MatchScratch::Data {
+  pcre2_match_context* context = nullptr;
+  pcre2_match_data* match_data = nullptr;
+  uint32_t match_limit = 0;
+  uint32_t depth_limit = 0;
+  ~Data() {
+    pcre2_match_data_free(match_data);
+    pcre2_match_context_free(context);
+  }
+};
+
+MatchScratch::MatchScratch() : data_(std::make_unique<Data>()) {}
+MatchScratch::~MatchScratch() = default;
+
+struct PreparedUrlPattern::Code {
+  pcre2_code* code = nullptr;
+  ~Code() { pcre2_code_free(code); }
+};
+
+PreparedUrlPattern::PreparedUrlPattern(std::string pattern) : pattern_(std::move(pattern)) {
+  if (IsPlainUrlPattern(pattern_)) {
+    // Literal runs between the stars; a dot right behind a star became
+    // "[./]?", which adds nothing to what the star before it matches.
+    std::string lowered = pattern_;
+    LowerAsciiInPlace(lowered);
+    runs_.emplace_back();
+    for (size_t i = 0; i < lowered.size(); ++i) {
+      if (lowered[i] == '*') {
+        runs_.emplace_back();
+        has_star_ = true;
+      } else if (!(lowered[i] == '.' && i > 0 && lowered[i - 1] == '*')) {
+        runs_.back() += lowered[i];
+      }
+    }
+    return;
+  }
+  EcmaScriptRegex regex = TranslateEcmaScript(LoweredTranslation(pattern_));
+  if (!regex.valid) {
+    check_.valid = false;
+    check_.error = regex.error;
+    check_.offset = regex.offset;
+    return;
+  }
+  expression_ = std::move(regex.pcre2);
+  if (regex.is_wildcard && expression_.size() <= kMaxUncheckedExpression) {
+    runs_ = std::move(regex.wildcard_runs);
+    has_star_ = runs_.size() > 1;
+    return;
+  }
+  std::string error;
+  if (!Compile(&error)) {
+    // Valid in the grammar but beyond what the library compiles.
+    check_.valid = false;
+    check_.error = "too large for the expression library: " + error;
+    return;
+  }
+  if (regex.is_wildcard) {
+    runs_ = std::move(regex.wildcard_runs);
+    has_star_ = runs_.size() > 1;
+  }
+}
+
+PreparedUrlPattern::~PreparedUrlPattern() = default;
+PreparedUrlPattern::PreparedUrlPattern(PreparedUrlPattern&&) noexcept = default;
+PreparedUrlPattern& PreparedUrlPattern::operator=(PreparedUrlPattern&&) noexcept = default;
+
+bool PreparedUrlPattern::Compile(std::string* error) const {
+  if (code_) return true;
+  // A plain pattern is translated only now: its translation is valid by
+  // construction.
+  if (expression_.empty()) expression_ = TranslateEcmaScript(LoweredTranslation(pattern_)).pcre2;
+  pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
+  if (context) pcre2_set_parens_nest_limit(context, kParensNestLimit);
+  int error_code = 0;
+  PCRE2_SIZE error_offset = 0;
+  pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression_.data()),
+                                   expression_.size(), kCompileOptions, &error_code,
+                                   &error_offset, context);
+  pcre2_compile_context_free(context);
+  if (!code) {
+    if (error) *error = ErrorMessage(error_code);
+    return false;
+  }
+  code_ = std::make_unique<Code>();
+  code_->code = code;
+  return true;
+}
+
+MatchResult PreparedUrlPattern::Match(const LoweredSubject& subject, MatchScratch& scratch) const {
+  if (!check_.valid) return MatchResult::kInvalidPattern;
+  if (!runs_.empty() && !(has_star_ && subject.has_line_break())) {
+    return MatchRuns(subject.text(), runs_) ? MatchResult::kMatch : MatchResult::kNoMatch;
+  }
+  return MatchExpression(subject, scratch);
+}
+
+MatchResult PreparedUrlPattern::MatchExpression(const LoweredSubject& subject,
+                                                MatchScratch& scratch) const {
+  if (!check_.valid) return MatchResult::kInvalidPattern;
+  MatchScratch::Data& data = *scratch.data_;
+  if (!data.context) {
+    data.context = pcre2_match_context_create(nullptr);
+    if (data.context) {
+      pcre2_set_callout(data.context, &EcmaScriptCallout, nullptr);
+      pcre2_set_heap_limit(data.context, kHeapLimitKiB);
+    }
+  }
+  if (data.context && (data.match_limit != g_match_limit || data.depth_limit != g_depth_limit)) {
+    pcre2_set_match_limit(data.context, g_match_limit);
+    pcre2_set_depth_limit(data.context, g_depth_limit);
+    data.match_limit = g_match_limit;
+    data.depth_limit = g_depth_limit;
+  }
+  // Only whether it matches counts; a short vector is enough.
+  if (!data.match_data) data.match_data = pcre2_match_data_create(1, nullptr);
+  const std::string& text = subject.text();
+  int rc = Compile(nullptr) && data.context && data.match_data
+               ? pcre2_match(code_->code, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(),
+                             0, 0, data.match_data, data.context)
+               : PCRE2_ERROR_NOMEMORY;
+  if (rc >= 0) return MatchResult::kMatch;
+  if (rc == PCRE2_ERROR_NOMATCH) return MatchResult::kNoMatch;
+  // Limits or memory: the safe answer is the work browser.
+  LOG(ERROR) << "Pattern matching gave up, treating URL as a work URL. Pattern : " << pattern_;
+  return MatchResult::kMatch;
+}
+
 bool IsPlainUrlPattern(const std::string& pattern) {
   if (pattern.size() > kMaxPlainPatternLength) return false;
   for (char c : pattern) {
@@ -146,86 +270,9 @@ bool IsPlainUrlPattern(const std::string& pattern) {
   return true;
 }
 
-std::optional<bool> PlainPatternMatch(const LoweredSubject& subject, const std::string& pattern) {
-  if (!IsPlainUrlPattern(pattern)) return std::nullopt;
-  std::string lowered = pattern;
-  LowerAsciiInPlace(lowered);
-  std::string_view text = subject.text();
-  size_t first_star = lowered.find('*');
-  // Without a star the expression is the pattern's own bytes, dots literal.
-  if (first_star == std::string::npos) return text == lowered;
-  if (subject.has_line_break()) return std::nullopt;
-
-  // The literal runs between stars. A dot right behind a star became
-  // "[./]?", which adds nothing to what the star before it matches.
-  std::string_view rest(lowered);
-  std::string_view head = rest.substr(0, first_star);
-  size_t last_star = rest.rfind('*');
-  std::string_view tail = rest.substr(last_star + 1);
-  if (!tail.empty() && tail[0] == '.') tail.remove_prefix(1);
-  if (head.size() + tail.size() > text.size()) return false;
-  if (text.compare(0, head.size(), head) != 0) return false;
-  if (text.compare(text.size() - tail.size(), tail.size(), tail) != 0) return false;
-
-  // Middle runs, leftmost first, between head and tail.
-  size_t position = head.size();
-  size_t end = text.size() - tail.size();
-  // From behind the first star up to and including the last one.
-  std::string_view middle = rest.substr(first_star + 1, last_star - first_star);
-  while (!middle.empty()) {
-    size_t star = middle.find('*');
-    std::string_view run = middle.substr(0, star);
-    middle.remove_prefix(star + 1);
-    if (!run.empty() && run[0] == '.') run.remove_prefix(1);
-    if (run.empty()) continue;
-    if (end - position < run.size()) return false;
-    const void* found = memmem(text.data() + position, end - position, run.data(), run.size());
-    if (!found) return false;
-    position = static_cast<size_t>(static_cast<const char*>(found) - text.data()) + run.size();
-  }
-  return true;
-}
-
-MatchResult ExpressionMatch(const LoweredSubject& subject, const std::string& pattern,
-                            PatternCheck* check) {
-  PatternCheck local_check;
-  CodePtr code = Compile(pattern, check ? check : &local_check);
-  if (!code) return MatchResult::kInvalidPattern;
-
-  const std::string& text = subject.text();
-  std::unique_ptr<pcre2_match_context, MatchContextDeleter> context(
-      pcre2_match_context_create(nullptr));
-  if (context) {
-    uint64_t limit =
-        g_match_limit_base + static_cast<uint64_t>(g_match_limit_per_byte) * text.size();
-    if (limit > kMatchLimitMax) limit = kMatchLimitMax;
-    pcre2_set_match_limit(context.get(), static_cast<uint32_t>(limit));
-    pcre2_set_depth_limit(context.get(), kDepthLimit);
-    pcre2_set_heap_limit(context.get(), kHeapLimitKiB);
-  }
-  // Only whether it matches counts; a short vector is enough.
-  std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(pcre2_match_data_create(1, nullptr));
-  int rc = data ? pcre2_match(code.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(),
-                              0, kMatchOptions, data.get(), context.get())
-                : PCRE2_ERROR_NOMEMORY;
-  if (rc >= 0) return MatchResult::kMatch;
-  if (rc == PCRE2_ERROR_NOMATCH) return MatchResult::kNoMatch;
-  // Limits or memory: the safe answer is the work browser.
-  LOG(ERROR) << "Pattern matching gave up, treating URL as a work URL. Pattern : " << pattern;
-  return MatchResult::kMatch;
-}
-
-MatchResult MatchLoweredSubject(const LoweredSubject& subject, const std::string& pattern,
-                                PatternCheck* check) {
-  if (check) *check = PatternCheck();
-  std::optional<bool> plain = PlainPatternMatch(subject, pattern);
-  if (plain) return *plain ? MatchResult::kMatch : MatchResult::kNoMatch;
-  return ExpressionMatch(subject, pattern, check);
-}
-
-void SetBacktrackingBudgetForTesting(uint32_t base, uint32_t per_byte) {
-  g_match_limit_base = base;
-  g_match_limit_per_byte = per_byte;
+void SetMatchLimitsForTesting(uint32_t match_limit, uint32_t depth_limit) {
+  g_match_limit = match_limit;
+  g_depth_limit = depth_limit;
 }
 
 [[noreturn]] void AbortOnInvalidPattern(const std::string& pattern, const PatternCheck& check) {

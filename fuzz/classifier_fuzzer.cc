@@ -61,7 +61,7 @@ std::string Reassemble(const dispatcher::UrlParts& parts) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A small backtracking budget keeps catastrophic patterns cheap.
-  dispatcher::internal::SetBacktrackingBudgetForTesting(20000, 4);
+  dispatcher::internal::SetMatchLimitsForTesting(20000, 2000);
   std::string_view input(reinterpret_cast<const char*>(data), size);
   std::vector<std::string_view> pieces;
   size_t start = 0;

@@ -80,7 +80,7 @@ TEST_F(ClassifierTest, DecisionsOnTheSubject) {
       {{"intra.corp.test/app/*"}, "http://intra.corp.test:80/app/x", true},
       {{"corp.test/*"}, user_url, false}, {{"*@corp.test/*"}, user_url, true},
       {{"corp.test/*"}, "https://corp.test?x=1", false}, {{"corp.test?x=1/"}, "https://corp.test?x=1", false},
-      {{"corp.test[?]x=1/"}, "https://corp.test?x=1", true}, {{"[[]::1[]]/*"}, "http://[::1]:8080/x", true},
+      {{"corp.test[?]x=1/"}, "https://corp.test?x=1", true}, {{"[[]::1\\]/*"}, "http://[::1]:8080/x", true},
       // The URL is lowered as text, the pattern for ASCII only.
       {{"\xC3\xA9" "cole.corp.test/*"}, ecole, true}, {{"\xC3\x89" "cole.corp.test/*"}, ecole, false},
       {{"^[a-z]+\\d?.corp.test/$"}, "https://host7.corp.test", true},
@@ -156,7 +156,8 @@ TEST_F(ClassifierDeathTest, InvalidPatternsAndSchemeAndColonAloneEndTheProcess) 
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   PolicyRules rules = {Rule({"other.test/*", "("})};
   EXPECT_DEATH(Classify(rules, "https://corp.test/"), "Invalid URL pattern \"\\(\"");
-  EXPECT_DEATH(MatchUrlPattern("corp.test/", "*.corp.test/[a-"), "missing terminating ]");
+  EXPECT_DEATH(MatchUrlPattern("corp.test/", "*.corp.test/[a-"),
+               "Invalid URL pattern \"\\*.corp.test/\\[a-\": '\\[' without its '\\]' at offset 20");
   EXPECT_DEATH(Classify(rules, "http:"), "http:");
   EXPECT_DEATH(Classify(rules, "WSS:"), "WSS:");
   // An earlier match never reaches the broken pattern.
