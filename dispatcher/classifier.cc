@@ -30,7 +30,7 @@ constexpr std::string_view kCatchAllPattern = "*/*";
 // reached.
 struct UrlClassifier::Prepared {
   std::vector<const std::string*> texts;
-  std::vector<std::unique_ptr<internal::PreparedUrlPattern>> patterns;
+  std::vector<std::optional<internal::PreparedUrlPattern>> patterns;
   internal::MatchScratch scratch;
 
   explicit Prepared(const PolicyRules& rules) {
@@ -44,7 +44,7 @@ struct UrlClassifier::Prepared {
   }
 
   const internal::PreparedUrlPattern& At(size_t i) {
-    if (!patterns[i]) patterns[i] = std::make_unique<internal::PreparedUrlPattern>(*texts[i]);
+    if (!patterns[i]) patterns[i].emplace(*texts[i]);
     return *patterns[i];
   }
 };
@@ -99,14 +99,14 @@ Classification UrlClassifier::Classify(std::string_view url,
     if (match == MatchResult::kNoMatch) continue;
     result.is_work = true;
     result.subject = lowered.TakeText();
-    result.pattern = pattern.pattern();
+    result.pattern = std::string(pattern.pattern());
     if (match == MatchResult::kMatch) {
       result.reason = ClassificationReason::kMatched;
       return result;
     }
     if (invalid_patterns == InvalidPatternHandling::kAbort) {
       // Policy patterns are trusted; a broken one has no error path.
-      internal::AbortOnInvalidPattern(pattern.pattern(), pattern.check());
+      internal::AbortOnInvalidPattern(*prepared_->texts[i], pattern.check());
     }
     result.reason = ClassificationReason::kInvalidPattern;
     result.error = pattern.check().error;

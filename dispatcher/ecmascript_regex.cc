@@ -162,8 +162,9 @@ struct Node {
   Kind kind;
   bool flag = false;     // kLookahead: negative; kRepeat: greedy; kWordBoundary: \B
   uint8_t byte = 0;      // kByte
-  uint32_t number = 0;   // kGroup, kBackReference: group; kSet: set index;
+  uint32_t number = 0;   // kGroup, kBackReference: group;
                          // kWordBoundary: innermost lookahead node + 1, or 0
+  ByteSet set;           // kSet
   uint32_t min = 0;      // kRepeat
   uint32_t max = 0;      // kRepeat
   uint32_t groups_begin = 0;  // kRepeat: the groups inside are [begin, end)
@@ -178,7 +179,7 @@ constexpr int kNoProgress = -1;
 
 class Parser {
  public:
-  explicit Parser(std::string_view text) : text_(text) {}
+  explicit Parser(std::string_view text) : text_(text) { nodes_.reserve(text.size() + 2); }
 
   // The root node, or -1 with error_ and offset_ set.
   int Parse() {
@@ -199,10 +200,9 @@ class Parser {
   const std::string& error() const { return error_; }
   size_t offset() const { return offset_; }
   std::vector<Node>& nodes() { return nodes_; }
-  std::vector<ByteSet>& sets() { return sets_; }
   uint32_t group_count() const { return group_count_; }
-  const std::vector<bool>& referenced() const { return referenced_; }
-  bool has_back_references() const { return has_back_references_; }
+  // The groups that back-references name.
+  const std::vector<uint32_t>& references() const { return references_; }
 
  private:
   struct Bracket {
@@ -240,9 +240,8 @@ class Parser {
     nodes_[parent].last_child = child;
   }
   int AddSet(const ByteSet& set) {
-    sets_.push_back(set);
     int node = AddNode(Kind::kSet);
-    nodes_[node].number = static_cast<uint32_t>(sets_.size() - 1);
+    nodes_[node].set = set;
     return node;
   }
   int AddByte(unsigned byte) {
@@ -293,7 +292,7 @@ class Parser {
     if (c == '\\' && pos + 1 < text_.size() && (text_[pos + 1] == 'b' || text_[pos + 1] == 'B')) {
       int node = AddNode(Kind::kWordBoundary);
       nodes_[node].flag = text_[pos + 1] == 'B';
-      int lookahead = scopes_.back().lookahead;
+      int lookahead = CurrentScope().lookahead;
       nodes_[node].number = static_cast<uint32_t>(lookahead + 1);
       if (lookahead >= 0) nodes_[lookahead].needs_marker = true;
       pos += 2;
@@ -349,7 +348,6 @@ class Parser {
         } else {
           node = AddNode(Kind::kGroup);
           nodes_[node].number = ++group_count_;
-          referenced_.push_back(false);
         }
         int body = ParseDisjunction(pos, depth + 1);
         if (failed_) return -1;
@@ -385,7 +383,7 @@ class Parser {
         if (value >= UINT32_MAX / 10) return Fail(start, "back-reference number too large");
         value = value * 10 + (At(pos) - '0');
       }
-      const Scope& scope = scopes_.back();
+      const Scope& scope = CurrentScope();
       uint32_t available = group_count_ - scope.base;
       if (value > available) {
         std::string message = "back-reference \\" + std::to_string(value) + " to a group not opened before it";
@@ -395,8 +393,7 @@ class Parser {
       int node = AddNode(Kind::kBackReference);
       uint32_t group = scope.base + value;
       nodes_[node].number = group;
-      referenced_[group - 1] = true;
-      has_back_references_ = true;
+      references_.push_back(group);
       return node;
     }
     switch (c) {
@@ -704,13 +701,14 @@ class Parser {
     int lookahead;   // its lookahead node, or -1 at the top
   };
 
+  const Scope& CurrentScope() const { return scopes_.empty() ? kTopScope : scopes_.back(); }
+
+  static constexpr Scope kTopScope = {0, -1};
   std::string_view text_;
   std::vector<Node> nodes_;
-  std::vector<ByteSet> sets_;
-  std::vector<Scope> scopes_ = {{0, -1}};
-  std::vector<bool> referenced_;
+  std::vector<Scope> scopes_;  // of the lookaheads open here
+  std::vector<uint32_t> references_;
   uint32_t group_count_ = 0;
-  bool has_back_references_ = false;
   bool failed_ = false;
   std::string error_;
   size_t offset_ = 0;
@@ -719,9 +717,9 @@ class Parser {
 // Writes the parsed expression in PCRE2's syntax.
 class Emitter {
  public:
-  Emitter(const std::vector<Node>& nodes, const std::vector<ByteSet>& sets,
-          const std::vector<bool>& referenced, uint32_t group_count)
-      : nodes_(nodes), sets_(sets), referenced_(referenced),
+  Emitter(const std::vector<Node>& nodes, const std::vector<uint32_t>& references,
+          uint32_t group_count)
+      : nodes_(nodes), references_(references), any_(AnyButLineBreak()),
         emitted_group_(group_count + 1, 0), marker_group_(nodes.size(), 0) {}
 
   std::string Emit(int root) {
@@ -732,7 +730,23 @@ class Emitter {
   bool too_large() const { return too_large_; }
 
  private:
+  // One byte as a literal, outside a class.
   void Byte(unsigned b) {
+    if (IsAlnum(b) || (b < 0x80 && std::strchr("/-_:@=&%,;!~'\"<>#`", static_cast<int>(b)) && b)) {
+      out_ += static_cast<char>(b);
+      return;
+    }
+    // Any other printable ASCII byte is literal behind a backslash.
+    if (b > 0x20 && b < 0x7f) {
+      out_ += '\\';
+      out_ += static_cast<char>(b);
+      return;
+    }
+    ClassByte(b);
+  }
+
+  // One byte inside or outside a class.
+  void ClassByte(unsigned b) {
     if (IsAlnum(b)) {
       out_ += static_cast<char>(b);
       return;
@@ -745,6 +759,12 @@ class Emitter {
   }
 
   void Set(const ByteSet& set) {
+    // Any byte but CR and LF: PCRE2's \N under the CR-or-LF newline
+    // convention, far smaller compiled than the class.
+    if (set.SubsetOf(any_) && any_.SubsetOf(set)) {
+      out_ += "\\N";
+      return;
+    }
     int count = set.Count();
     if (count == 256) {
       out_ += "[\\x{00}-\\x{ff}]";
@@ -768,10 +788,10 @@ class Emitter {
       }
       unsigned end = b;
       while (end + 1 < 256 && listed.Has(end + 1)) ++end;
-      Byte(b);
+      ClassByte(b);
       if (end > b) {
         if (end > b + 1) out_ += '-';
-        Byte(end);
+        ClassByte(end);
       }
       b = end + 1;
     }
@@ -798,8 +818,8 @@ class Emitter {
   }
 
   bool HoldsReferencedGroup(const Node& repeat) const {
-    for (uint32_t group = repeat.groups_begin; group < repeat.groups_end; ++group) {
-      if (referenced_[group - 1]) return true;
+    for (uint32_t group : references_) {
+      if (group >= repeat.groups_begin && group < repeat.groups_end) return true;
     }
     return false;
   }
@@ -840,7 +860,7 @@ class Emitter {
         Byte(node.byte);
         return;
       case Kind::kSet:
-        Set(sets_[node.number]);
+        Set(node.set);
         return;
       case Kind::kSequence:
         for (int child = node.child; child >= 0; child = nodes_[child].next) Write(child);
@@ -926,8 +946,8 @@ class Emitter {
   }
 
   const std::vector<Node>& nodes_;
-  const std::vector<ByteSet>& sets_;
-  const std::vector<bool>& referenced_;
+  const std::vector<uint32_t>& references_;
+  const ByteSet any_;
   std::vector<uint32_t> emitted_group_;  // by group number
   std::vector<uint32_t> marker_group_;   // by lookahead node
   uint32_t emitted_count_ = 0;
@@ -945,8 +965,8 @@ struct Token {
 
 class WildcardFinder {
  public:
-  WildcardFinder(const std::vector<Node>& nodes, const std::vector<ByteSet>& sets)
-      : nodes_(nodes), sets_(sets), any_(AnyButLineBreak()) {}
+  explicit WildcardFinder(const std::vector<Node>& nodes)
+      : nodes_(nodes), any_(AnyButLineBreak()) {}
 
   bool Find(int root, std::vector<std::string>* runs) {
     const Node& top = nodes_[root];
@@ -954,19 +974,19 @@ class WildcardFinder {
     // "^" first and "$" last add nothing to a whole-subject match.
     int first = top.child;
     while (first >= 0 && nodes_[first].kind == Kind::kBegin) first = nodes_[first].next;
-    std::vector<int> children;
-    for (int child = first; child >= 0; child = nodes_[child].next) children.push_back(child);
-    while (!children.empty() && nodes_[children.back()].kind == Kind::kEnd) children.pop_back();
-    for (int child : children) {
-      if (!Flatten(child, &tokens_)) return false;
+    int last_kept = -1;
+    for (int child = first; child >= 0; child = nodes_[child].next) {
+      if (nodes_[child].kind != Kind::kEnd) last_kept = child;
     }
-    // Drop absorbable items next to a star (through other absorbable ones).
-    std::vector<Token> kept;
+    tokens_.reserve(nodes_.size());
+    for (int child = first; last_kept >= 0; child = nodes_[child].next) {
+      if (!Flatten(child)) return false;
+      if (child == last_kept) break;
+    }
+    // Absorbable items must have a star next to them (through other
+    // absorbable ones); then they and repeated stars go.
     for (size_t i = 0; i < tokens_.size(); ++i) {
-      if (tokens_[i].type != Token::kAbsorbable) {
-        kept.push_back(tokens_[i]);
-        continue;
-      }
+      if (tokens_[i].type != Token::kAbsorbable) continue;
       size_t left = i, right = i;
       while (left > 0 && tokens_[left - 1].type == Token::kAbsorbable) --left;
       while (right + 1 < tokens_.size() && tokens_[right + 1].type == Token::kAbsorbable) ++right;
@@ -974,41 +994,57 @@ class WildcardFinder {
       bool star_right = right + 1 < tokens_.size() && tokens_[right + 1].type == Token::kStar;
       if (!star_left && !star_right) return false;
     }
-    runs->assign(1, std::string());
-    for (size_t i = 0; i < kept.size(); ++i) {
-      if (kept[i].type == Token::kLiteral) {
-        runs->back() += static_cast<char>(kept[i].byte);
-      } else if (i == 0 || kept[i - 1].type != Token::kStar) {
-        runs->emplace_back();
+    size_t kept = 0;
+    for (size_t i = 0; i < tokens_.size(); ++i) {
+      Token::Type type = tokens_[i].type;
+      if (type == Token::kAbsorbable) continue;
+      if (type == Token::kStar && kept > 0 && tokens_[kept - 1].type == Token::kStar) continue;
+      tokens_[kept++] = tokens_[i];
+    }
+    size_t stars = 0;
+    for (size_t i = 0; i < kept; ++i) stars += tokens_[i].type == Token::kStar;
+    runs->resize(stars + 1);
+    size_t run = 0;
+    for (size_t i = 0; i < kept; ++i) {
+      if (tokens_[i].type == Token::kStar) {
+        ++run;
+      } else {
+        (*runs)[run] += static_cast<char>(tokens_[i].byte);
       }
     }
     return true;
   }
 
  private:
-  // True when the node only chains literals and stars.
-  bool Flatten(int index, std::vector<Token>* out) {
+  // Appends the node's tokens; false unless it only chains literals and
+  // stars.
+  bool Flatten(int index) {
     const Node& node = nodes_[index];
     switch (node.kind) {
       case Kind::kByte:
-        out->push_back({Token::kLiteral, node.byte});
+        tokens_.push_back({Token::kLiteral, node.byte});
         return true;
       case Kind::kSet: {
-        const ByteSet& set = sets_[node.number];
-        if (set.Count() != 1) return false;
-        for (unsigned b = 0; b < 256; ++b) {
-          if (set.Has(b)) out->push_back({Token::kLiteral, static_cast<uint8_t>(b)});
+        int count = 0;
+        unsigned byte = 0;
+        for (unsigned b = 0; b < 256 && count < 2; ++b) {
+          if (node.set.Has(b)) {
+            ++count;
+            byte = b;
+          }
         }
+        if (count != 1) return false;
+        tokens_.push_back({Token::kLiteral, static_cast<uint8_t>(byte)});
         return true;
       }
       case Kind::kSequence:
         for (int child = node.child; child >= 0; child = nodes_[child].next) {
-          if (!Flatten(child, out)) return false;
+          if (!Flatten(child)) return false;
         }
         return true;
       case Kind::kGroup:
       case Kind::kNonCapture:
-        return Flatten(node.child, out);
+        return Flatten(node.child);
       case Kind::kRepeat: {
         if (node.max == 0) return true;
         const Node& atom = nodes_[node.child];
@@ -1017,20 +1053,20 @@ class WildcardFinder {
           if (atom.kind == Kind::kByte) {
             set.Add(atom.byte);
           } else {
-            set = sets_[atom.number];
+            set = atom.set;
           }
           if (node.min != 0 || !set.SubsetOf(any_)) return false;
-          bool star = node.max == kInfinite && set.Count() == any_.Count();
-          out->push_back({star ? Token::kStar : Token::kAbsorbable, 0});
+          bool star = node.max == kInfinite && any_.SubsetOf(set);
+          tokens_.push_back({star ? Token::kStar : Token::kAbsorbable, 0});
           return true;
         }
         // A repeated item that is itself nothing but stars is one star.
-        std::vector<Token> inner;
-        if (!Flatten(node.child, &inner)) return false;
-        for (const Token& token : inner) {
-          if (token.type != Token::kStar) return false;
+        size_t before = tokens_.size();
+        if (!Flatten(node.child)) return false;
+        for (size_t i = before; i < tokens_.size(); ++i) {
+          if (tokens_[i].type != Token::kStar) return false;
         }
-        if (!inner.empty()) out->push_back({Token::kStar, 0});
+        if (tokens_.size() > before) tokens_.resize(before + 1);
         return true;
       }
       case Kind::kAlternation:
@@ -1045,14 +1081,13 @@ class WildcardFinder {
   }
 
   const std::vector<Node>& nodes_;
-  const std::vector<ByteSet>& sets_;
   ByteSet any_;
   std::vector<Token> tokens_;
 };
 
 }  // namespace
 
-EcmaScriptRegex TranslateEcmaScript(std::string_view expression) {
+EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool pcre2_for_wildcards) {
   EcmaScriptRegex result;
   Parser parser(expression);
   int root = parser.Parse();
@@ -1061,19 +1096,23 @@ EcmaScriptRegex TranslateEcmaScript(std::string_view expression) {
     result.offset = parser.offset();
     return result;
   }
-  Emitter emitter(parser.nodes(), parser.sets(), parser.referenced(), parser.group_count());
-  result.pcre2 = emitter.Emit(root);
-  if (emitter.too_large()) {
-    result.pcre2.clear();
-    result.error = "too many repetitions nested in each other";
-    return result;
-  }
-  result.valid = true;
-  if (!parser.has_back_references()) {
-    WildcardFinder finder(parser.nodes(), parser.sets());
+  if (parser.references().empty()) {
+    WildcardFinder finder(parser.nodes());
     result.is_wildcard = finder.Find(root, &result.wildcard_runs);
     if (!result.is_wildcard) result.wildcard_runs.clear();
   }
+  if (!result.is_wildcard || pcre2_for_wildcards) {
+    Emitter emitter(parser.nodes(), parser.references(), parser.group_count());
+    result.pcre2 = emitter.Emit(root);
+    if (emitter.too_large()) {
+      result.pcre2.clear();
+      result.is_wildcard = false;
+      result.wildcard_runs.clear();
+      result.error = "too many repetitions nested in each other";
+      return result;
+    }
+  }
+  result.valid = true;
   return result;
 }
 

@@ -21,8 +21,9 @@ struct EcmaScriptRegex {
   // When invalid: why, and where in the expression.
   std::string error;
   size_t offset = 0;
-  // When valid: the same expression in PCRE2's syntax, for a whole-subject
-  // match with the library's default options (no UTF, no multi-line).
+  // When valid (and not a wildcard, unless asked for): the same expression
+  // in PCRE2's syntax, for a whole-subject match with the library's default
+  // options (no UTF, no multi-line) and CR or LF as newline (PCRE2_NEWLINE_ANYCRLF).
   std::string pcre2;
   // When valid and the expression only chains literal bytes and runs of any
   // bytes but CR and LF (".*" in every spelling): the literal runs around
@@ -31,8 +32,9 @@ struct EcmaScriptRegex {
   std::vector<std::string> wildcard_runs;  // one more than there are stars
 };
 
-// Parses `expression` (already lower-cased by the caller).
-EcmaScriptRegex TranslateEcmaScript(std::string_view expression);
+// Parses `expression` (already lower-cased by the caller). The PCRE2 form of
+// a wildcard is written only when `pcre2_for_wildcards` is set.
+EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool pcre2_for_wildcards);
 
 // The PCRE2 callout handler that the expressions above need (they use
 // callouts for a word boundary inside a lookahead): 0 to go on, 1 to fail at

@@ -39,9 +39,23 @@ constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 // Longer plain patterns are checked like any other, so that one too large
 // for the library's compiled form is invalid there as everywhere else.
 constexpr size_t kMaxPlainPatternLength = 2048;
-// A wildcard expression this short always compiles (its compiled form stays
-// far below the library's 64 KiB), so it is not compiled just to check it.
-constexpr size_t kMaxUncheckedExpression = 4096;
+// A wildcard expression this short always compiles (each byte of it takes at
+// most some 17 bytes of compiled form, far below the library's 64 KiB), so it
+// is not compiled just to check it.
+constexpr size_t kMaxUncheckedExpression = 2048;
+
+// Shared by every compilation, which only reads it; never freed.
+pcre2_compile_context* CompileContext() {
+  static pcre2_compile_context* const context = [] {
+    pcre2_compile_context* created = pcre2_compile_context_create(nullptr);
+    if (created) {
+      pcre2_set_parens_nest_limit(created, kParensNestLimit);
+      pcre2_set_newline(created, PCRE2_NEWLINE_ANYCRLF);
+    }
+    return created;
+  }();
+  return context;
+}
 
 std::string ErrorMessage(int error_code) {
   PCRE2_UCHAR buffer[256];
@@ -148,24 +162,31 @@ struct PreparedUrlPattern::Code {
   ~Code() { pcre2_code_free(code); }
 };
 
-PreparedUrlPattern::PreparedUrlPattern(std::string pattern) : pattern_(std::move(pattern)) {
+PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(pattern) {
   if (IsPlainUrlPattern(pattern_)) {
-    // Literal runs between the stars; a dot right behind a star became
-    // "[./]?", which adds nothing to what the star before it matches.
-    std::string lowered = pattern_;
-    LowerAsciiInPlace(lowered);
-    runs_.emplace_back();
-    for (size_t i = 0; i < lowered.size(); ++i) {
-      if (lowered[i] == '*') {
-        runs_.emplace_back();
-        has_star_ = true;
-      } else if (!(lowered[i] == '.' && i > 0 && lowered[i - 1] == '*')) {
-        runs_.back() += lowered[i];
+    // Literal runs between the stars. A dot right behind a star became
+    // "[./]?", and a "?" or "+" behind one repeats "(.*)": neither adds
+    // anything to what the star matches.
+    size_t stars = 0;
+    for (char c : pattern_) stars += c == '*';
+    runs_.resize(stars + 1);
+    has_star_ = stars > 0;
+    size_t run = 0;
+    for (size_t i = 0; i < pattern_.size(); ++i) {
+      char c = pattern_[i];
+      char before = i > 0 ? pattern_[i - 1] : '\0';
+      if (c == '*') {
+        ++run;
+      } else if (!((c == '.' && before == '*') || c == '?' || c == '+')) {
+        runs_[run] += c;
       }
     }
+    for (std::string& text : runs_) LowerAsciiInPlace(text);
     return;
   }
-  EcmaScriptRegex regex = TranslateEcmaScript(LoweredTranslation(pattern_));
+  std::string expression = LoweredTranslation(std::string(pattern_));
+  bool unchecked = expression.size() <= kMaxUncheckedExpression;
+  EcmaScriptRegex regex = TranslateEcmaScript(expression, !unchecked);
   if (!regex.valid) {
     check_.valid = false;
     check_.error = regex.error;
@@ -173,7 +194,7 @@ PreparedUrlPattern::PreparedUrlPattern(std::string pattern) : pattern_(std::move
     return;
   }
   expression_ = std::move(regex.pcre2);
-  if (regex.is_wildcard && expression_.size() <= kMaxUncheckedExpression) {
+  if (regex.is_wildcard && unchecked) {
     runs_ = std::move(regex.wildcard_runs);
     has_star_ = runs_.size() > 1;
     return;
@@ -197,17 +218,15 @@ PreparedUrlPattern& PreparedUrlPattern::operator=(PreparedUrlPattern&&) noexcept
 
 bool PreparedUrlPattern::Compile(std::string* error) const {
   if (code_) return true;
-  // A plain pattern is translated only now: its translation is valid by
-  // construction.
-  if (expression_.empty()) expression_ = TranslateEcmaScript(LoweredTranslation(pattern_)).pcre2;
-  pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
-  if (context) pcre2_set_parens_nest_limit(context, kParensNestLimit);
+  // A wildcard is written for PCRE2 only now; it is known to be valid.
+  if (expression_.empty()) {
+    expression_ = TranslateEcmaScript(LoweredTranslation(std::string(pattern_)), true).pcre2;
+  }
   int error_code = 0;
   PCRE2_SIZE error_offset = 0;
   pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression_.data()),
                                    expression_.size(), kCompileOptions, &error_code,
-                                   &error_offset, context);
-  pcre2_compile_context_free(context);
+                                   &error_offset, CompileContext());
   if (!code) {
     if (error) *error = ErrorMessage(error_code);
     return false;
@@ -256,12 +275,21 @@ MatchResult PreparedUrlPattern::MatchExpression(const LoweredSubject& subject,
   return MatchResult::kMatch;
 }
 
-bool IsPlainUrlPattern(const std::string& pattern) {
+bool IsPlainUrlPattern(std::string_view pattern) {
   if (pattern.size() > kMaxPlainPatternLength) return false;
-  for (char c : pattern) {
-    switch (c) {
+  for (size_t i = 0; i < pattern.size(); ++i) {
+    switch (pattern[i]) {
       case '\\': case '^': case '$': case '[': case ']': case '|':
-      case '(': case ')': case '?': case '+': case '{': case '}':
+      case '(': case ')': case '{': case '}':
+        return false;
+      case '?':
+      case '+':
+        // Only as "*?", "*+", "*??" or "*+?".
+        if (i > 0 && pattern[i - 1] == '*') break;
+        if (pattern[i] == '?' && i > 1 && pattern[i - 2] == '*' &&
+            (pattern[i - 1] == '?' || pattern[i - 1] == '+')) {
+          break;
+        }
         return false;
       default:
         break;

@@ -82,12 +82,13 @@ class MatchScratch {
 // a wildcard matcher; the others by the expression library, compiled once.
 class PreparedUrlPattern {
  public:
-  explicit PreparedUrlPattern(std::string pattern);
+  // `pattern` must outlive the prepared pattern.
+  explicit PreparedUrlPattern(std::string_view pattern);
   ~PreparedUrlPattern();
   PreparedUrlPattern(PreparedUrlPattern&&) noexcept;
   PreparedUrlPattern& operator=(PreparedUrlPattern&&) noexcept;
 
-  const std::string& pattern() const { return pattern_; }
+  std::string_view pattern() const { return pattern_; }
   const PatternCheck& check() const { return check_; }
   // Valid and matched without the expression library (unless the subject
   // holds CR or LF).
@@ -107,7 +108,7 @@ class PreparedUrlPattern {
   // library refuses it.
   bool Compile(std::string* error) const;
 
-  std::string pattern_;
+  std::string_view pattern_;
   PatternCheck check_;
   // Literal runs around the stars (one more than there are stars).
   std::vector<std::string> runs_;
@@ -117,10 +118,11 @@ class PreparedUrlPattern {
   mutable std::unique_ptr<Code> code_;
 };
 
-// Whether the pattern holds no expression operator, so that it translates to
-// literals, "\.", "(.*)" and "[./]?" only and is short enough to be sure to
-// compile.
-bool IsPlainUrlPattern(const std::string& pattern);
+// Whether the pattern holds no expression operator but "?" or "+" (possibly
+// followed by "?") right behind a star, so that it translates to literals,
+// "\.", "(.*)" repeated or optional, and "[./]?" only, and is short enough to
+// be sure to compile.
+bool IsPlainUrlPattern(std::string_view pattern);
 
 // Replaces the limits after which the expression library gives up (the
 // number of backtracking steps and the depth of nested backtracking); fuzzers
