@@ -58,20 +58,55 @@ bool OpenLogFileLocked() {
   return true;
 }
 
-// True when standard error leads nowhere useful (the null device), so that
-// the line should also go to the system log.
-bool StderrIsNullDevice() {
+// What standard error is, looked at once a second per thread rather than for
+// every line (a line costs two writes, the looks three more system calls).
+struct StderrKind {
+  time_t second = -1;       // when it was looked at; -1: not yet
+  bool null_device = true;  // leads nowhere useful: lines also go to the system log
+  bool may_raise_sigpipe = true;  // a pipe or a socket
+};
+thread_local StderrKind t_stderr_kind;
+
+// A forked child may redirect standard error at once: it looks again.
+void ForgetStderrKind() { t_stderr_kind.second = -1; }
+
+const StderrKind& CurrentStderrKind(time_t now) {
+  static const int registered = pthread_atfork(nullptr, nullptr, &ForgetStderrKind);
+  (void)registered;
+  StderrKind& kind = t_stderr_kind;
+  if (kind.second == now) return kind;
+  kind.second = now;
+  kind.null_device = true;
+  kind.may_raise_sigpipe = true;
   struct stat err_stat;
-  if (fstat(STDERR_FILENO, &err_stat) != 0) return true;
-  if (!S_ISCHR(err_stat.st_mode)) return false;
+  if (fstat(STDERR_FILENO, &err_stat) != 0) return kind;
+  kind.may_raise_sigpipe = S_ISFIFO(err_stat.st_mode) || S_ISSOCK(err_stat.st_mode);
   struct stat null_stat;
-  if (stat("/dev/null", &null_stat) != 0 || !S_ISCHR(null_stat.st_mode)) return true;
-  return err_stat.st_rdev == null_stat.st_rdev;
+  if (!S_ISCHR(err_stat.st_mode)) {
+    kind.null_device = false;
+  } else if (stat("/dev/null", &null_stat) == 0 && S_ISCHR(null_stat.st_mode)) {
+    kind.null_device = err_stat.st_rdev == null_stat.st_rdev;
+  }
+  return kind;
 }
 
 // A standard error that is a closed pipe must not end the process: the
 // write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
-void WriteToStderr(const std::string& line) {
+void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
+  if (!may_raise_sigpipe) {
+    const char* data = line.data();
+    size_t left = line.size();
+    while (left > 0) {
+      ssize_t written = write(STDERR_FILENO, data, left);
+      if (written < 0) {
+        if (errno == EINTR) continue;
+        return;
+      }
+      data += written;
+      left -= static_cast<size_t>(written);
+    }
+    return;
+  }
   sigset_t pipe_signal, previous_mask, pending;
   sigemptyset(&pipe_signal);
   sigaddset(&pipe_signal, SIGPIPE);
@@ -177,6 +212,7 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
   struct timeval tv;
   gettimeofday(&tv, nullptr);
   time_t seconds = tv.tv_sec;
+  second_ = seconds;
   struct tm local;
   localtime_r(&seconds, &local);
   char timestamp[32];
@@ -201,12 +237,13 @@ void LogMessage::Emit() {
       g_message_handler(severity_, file_, line_, message_start_, line)) {
     // The handler took the line.
   } else {
-    if ((g_destinations & kLogToSystemLog) && StderrIsNullDevice()) {
+    const StderrKind& stderr_kind = CurrentStderrKind(second_);
+    if ((g_destinations & kLogToSystemLog) && stderr_kind.null_device) {
       internal::WriteToSystemLog(severity_, line);
     }
     if ((g_destinations & kLogToStderr) ||
         (severity_ >= LOG_ERROR && (g_destinations & ~kLogToFile) == 0)) {
-      WriteToStderr(line);
+      WriteToStderr(line, stderr_kind.may_raise_sigpipe);
     }
     if (g_destinations & kLogToFile) WriteToLogFile(line);
   }

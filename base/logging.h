@@ -80,6 +80,7 @@ class LogMessage {
   std::ostringstream stream_;
   size_t message_start_ = 0;
   int saved_errno_;
+  long long second_ = 0;  // of the line's time stamp
 };
 
 // Turns the stream expression of LOG() into void so that it fits the ternary.
