@@ -90,6 +90,44 @@ const StderrKind& CurrentStderrKind(time_t now) {
   return kind;
 }
 
+// The local date and time to the second, "MMDD/HHMMSS", worked out once a
+// second per thread. glibc's localtime_r follows a new time zone only after
+// tzset(), whose results it keys on as well.
+struct SecondStamp {
+  long long second = -1;
+#if defined(__GLIBC__)
+  long zone = 0;
+  int daylight = 0;
+  const char* names[2] = {nullptr, nullptr};
+#endif
+  char text[64] = {};
+};
+thread_local SecondStamp t_second_stamp;
+
+const char* LocalSecond(time_t now) {
+  SecondStamp& stamp = t_second_stamp;
+#if defined(__GLIBC__)
+  bool same_zone = stamp.zone == ::timezone && stamp.daylight == ::daylight &&
+                   stamp.names[0] == ::tzname[0] && stamp.names[1] == ::tzname[1];
+#else
+  bool same_zone = true;
+#endif
+  if (stamp.second == now && same_zone) return stamp.text;
+  struct tm local;
+  localtime_r(&now, &local);
+  snprintf(stamp.text, sizeof(stamp.text), "%02d%02d/%02d%02d%02d", local.tm_mon + 1,
+           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  stamp.second = now;
+#if defined(__GLIBC__)
+  // Read after localtime_r, which runs tzset once if nothing has.
+  stamp.zone = ::timezone;
+  stamp.daylight = ::daylight;
+  stamp.names[0] = ::tzname[0];
+  stamp.names[1] = ::tzname[1];
+#endif
+  return stamp.text;
+}
+
 // A standard error that is a closed pipe must not end the process: the
 // write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
 void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
@@ -213,11 +251,8 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
   gettimeofday(&tv, nullptr);
   time_t seconds = tv.tv_sec;
   second_ = seconds;
-  struct tm local;
-  localtime_r(&seconds, &local);
-  char timestamp[32];
-  snprintf(timestamp, sizeof(timestamp), "%02d%02d/%02d%02d%02d.%06ld", local.tm_mon + 1,
-           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+  char timestamp[96];
+  snprintf(timestamp, sizeof(timestamp), "%s.%06ld", LocalSecond(seconds),
            static_cast<long>(tv.tv_usec));
   stream_ << '[' << timestamp << ':' << SeverityName(severity_) << ':' << BaseName(file_) << '('
           << line_ << ")] ";
