@@ -327,7 +327,10 @@ int RunExplain(const Options& options) {
              "); the dispatcher treats every URL as a work URL");
   }
 
-  // Patterns are prepared once, for all the URLs, as the dispatcher does.
+  // The classifier's "Pattern : " lines are not shown: do not even format
+  // them. Patterns are prepared once, for all the URLs, as the dispatcher
+  // does.
+  logging::SetMinimumLogLevel(logging::LOG_WARNING);
   dispatcher::UrlClassifier classifier(std::move(policy.policy_urls));
   int status = kExitOk;
   for (const std::string& url : urls) {
