@@ -128,6 +128,84 @@ const char* LocalSecond(time_t now) {
   return stamp.text;
 }
 
+}  // namespace
+
+namespace internal {
+
+// Builds a line in a string that keeps its capacity from line to line.
+class LineStream : public std::ostream {
+ public:
+  LineStream() : std::ostream(nullptr) {
+    rdbuf(&buffer_);
+    initial_flags_ = flags();
+  }
+  std::string& text() { return buffer_.text; }
+  // Empty, with the formatting a new stream has.
+  void Reset() {
+    buffer_.text.clear();
+    clear();
+    flags(initial_flags_);
+    precision(6);
+    width(0);
+    fill(' ');
+  }
+
+ private:
+  class Buffer : public std::streambuf {
+   public:
+    std::string text;
+
+   protected:
+    int_type overflow(int_type c) override {
+      if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        text.push_back(traits_type::to_char_type(c));
+      }
+      return traits_type::not_eof(c);
+    }
+    std::streamsize xsputn(const char* s, std::streamsize n) override {
+      text.append(s, static_cast<size_t>(n));
+      return n;
+    }
+  };
+  Buffer buffer_;
+  std::ios_base::fmtflags initial_flags_;
+};
+
+}  // namespace internal
+
+namespace {
+
+// Each thread's stream, made on its first line. Lines logged after it is
+// gone (while the thread or the process ends) get a stream of their own.
+enum class ThreadStreamState : int { kNone, kAlive, kGone };
+thread_local ThreadStreamState t_stream_state = ThreadStreamState::kNone;
+thread_local bool t_stream_in_use = false;
+
+struct ThreadStream {
+  ThreadStream() { t_stream_state = ThreadStreamState::kAlive; }
+  ~ThreadStream() { t_stream_state = ThreadStreamState::kGone; }
+  internal::LineStream stream;
+};
+
+internal::LineStream* TakeThreadStream() {
+  if (t_stream_in_use || t_stream_state == ThreadStreamState::kGone) return nullptr;
+  thread_local ThreadStream thread_stream;
+  t_stream_in_use = true;
+  thread_stream.stream.Reset();
+  return &thread_stream.stream;
+}
+
+void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
+  char digits[24];
+  int count = 0;
+  do {
+    digits[count++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value > 0);
+  while (count < min_digits) digits[count++] = '0';
+  while (count > 0) out->push_back(digits[--count]);
+}
+
 // A standard error that is a closed pipe must not end the process: the
 // write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
 void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
@@ -247,26 +325,46 @@ std::string SeverityName(LogSeverity severity) {
 LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
     : severity_(severity), file_(file), line_(line), saved_errno_(errno) {
   errno = 0;
+  stream_ = TakeThreadStream();
+  if (!stream_) {
+    stream_ = new internal::LineStream;
+    owns_stream_ = true;
+  }
   struct timeval tv;
   gettimeofday(&tv, nullptr);
   time_t seconds = tv.tv_sec;
   second_ = seconds;
-  char timestamp[96];
-  snprintf(timestamp, sizeof(timestamp), "%s.%06ld", LocalSecond(seconds),
-           static_cast<long>(tv.tv_usec));
-  stream_ << '[' << timestamp << ':' << SeverityName(severity_) << ':' << BaseName(file_) << '('
-          << line_ << ")] ";
-  message_start_ = static_cast<size_t>(stream_.tellp());
+  std::string& text = stream_->text();
+  text += '[';
+  text += LocalSecond(seconds);
+  text += '.';
+  AppendDecimal(&text, static_cast<unsigned long>(tv.tv_usec), 6);
+  text += ':';
+  text += SeverityName(severity_);
+  text += ':';
+  text += BaseName(file_);
+  text += '(';
+  if (line_ < 0) text += '-';
+  AppendDecimal(&text, line_ < 0 ? 0ul - static_cast<unsigned long>(line_) : static_cast<unsigned long>(line_), 1);
+  text += ")] ";
+  message_start_ = text.size();
 }
 
 LogMessage::~LogMessage() {
   Emit();
+  if (owns_stream_) {
+    delete stream_;
+  } else {
+    t_stream_in_use = false;
+  }
   errno = saved_errno_;
 }
 
+std::ostream& LogMessage::stream() { return *stream_; }
+
 void LogMessage::Emit() {
-  stream_ << '\n';
-  const std::string line = stream_.str();
+  std::string& line = stream_->text();
+  line += '\n';
 
   if (g_message_handler &&
       g_message_handler(severity_, file_, line_, message_start_, line)) {
