@@ -206,21 +206,26 @@ void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
   while (count > 0) out->push_back(digits[--count]);
 }
 
+// Writes all of `line` unless the descriptor fails.
+void WriteAll(int fd, const std::string& line) {
+  const char* data = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    ssize_t written = write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+}
+
 // A standard error that is a closed pipe must not end the process: the
 // write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
 void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
   if (!may_raise_sigpipe) {
-    const char* data = line.data();
-    size_t left = line.size();
-    while (left > 0) {
-      ssize_t written = write(STDERR_FILENO, data, left);
-      if (written < 0) {
-        if (errno == EINTR) continue;
-        return;
-      }
-      data += written;
-      left -= static_cast<size_t>(written);
-    }
+    WriteAll(STDERR_FILENO, line);
     return;
   }
   sigset_t pipe_signal, previous_mask, pending;
@@ -259,16 +264,14 @@ void WriteToLogFile(const std::string& line) {
     if (!(g_destinations & kLogToFile)) return;
     if (!OpenLogFileLocked()) return;
   }
-  fwrite(line.data(), 1, line.size(), g_log_file);
-  fflush(g_log_file);
+  // Straight to the descriptor: every line is written whole at once anyway.
+  WriteAll(fileno(g_log_file), line);
 }
 
 const char* BaseName(const char* file) {
-  const char* base = file;
-  for (const char* p = file; *p; ++p) {
-    if (*p == '/' || *p == '\\') base = p + 1;
-  }
-  return base;
+  const char* p = file + strlen(file);
+  while (p > file && p[-1] != '/' && p[-1] != '\\') --p;
+  return p;
 }
 
 }  // namespace
@@ -340,7 +343,13 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
   text += '.';
   AppendDecimal(&text, static_cast<unsigned long>(tv.tv_usec), 6);
   text += ':';
-  text += SeverityName(severity_);
+  switch (severity_) {
+    case LOG_INFO: text += "INFO"; break;
+    case LOG_WARNING: text += "WARNING"; break;
+    case LOG_ERROR: text += "ERROR"; break;
+    case LOG_FATAL: text += "FATAL"; break;
+    default: text += SeverityName(severity_); break;
+  }
   text += ':';
   text += BaseName(file_);
   text += '(';
