@@ -197,13 +197,14 @@ internal::LineStream* TakeThreadStream() {
 
 void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
   char digits[24];
-  int count = 0;
+  char* end = digits + sizeof(digits);
+  char* p = end;
   do {
-    digits[count++] = static_cast<char>('0' + value % 10);
+    *--p = static_cast<char>('0' + value % 10);
     value /= 10;
   } while (value > 0);
-  while (count < min_digits) digits[count++] = '0';
-  while (count > 0) out->push_back(digits[--count]);
+  while (end - p < min_digits) *--p = '0';
+  out->append(p, static_cast<size_t>(end - p));
 }
 
 // Writes all of `line` unless the descriptor fails.
