@@ -34,6 +34,9 @@ struct UrlClassifier::Prepared {
   internal::MatchScratch scratch;
 
   explicit Prepared(const PolicyRules& rules) {
+    size_t count = 0;
+    for (const PolicyRule& rule : rules) count += rule.patterns.size();
+    texts.reserve(count);
     for (const PolicyRule& rule : rules) {
       if (!rule.has_patterns) continue;
       for (const PolicyPattern& pattern : rule.patterns) {

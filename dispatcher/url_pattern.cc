@@ -70,19 +70,21 @@ std::string LoweredTranslation(const std::string& pattern) {
   return expression;
 }
 
-// The wildcard matcher: runs[0] at the start, runs.back() at the end, the
+// The wildcard matcher: the first run at the start, the last at the end, the
 // runs between in order, leftmost first.
-bool MatchRuns(std::string_view text, const std::vector<std::string>& runs) {
-  if (runs.size() == 1) return text == runs[0];
-  const std::string& head = runs.front();
-  const std::string& tail = runs.back();
+template <typename Run>
+bool MatchRuns(std::string_view text, const char* base, const Run* runs, size_t count) {
+  auto view = [base](const Run& run) { return std::string_view(base + run.offset, run.length); };
+  if (count == 1) return text == view(runs[0]);
+  std::string_view head = view(runs[0]);
+  std::string_view tail = view(runs[count - 1]);
   if (head.size() + tail.size() > text.size()) return false;
   if (text.compare(0, head.size(), head) != 0) return false;
   if (text.compare(text.size() - tail.size(), tail.size(), tail) != 0) return false;
   size_t position = head.size();
   size_t end = text.size() - tail.size();
-  for (size_t i = 1; i + 1 < runs.size(); ++i) {
-    const std::string& run = runs[i];
+  for (size_t i = 1; i + 1 < count; ++i) {
+    std::string_view run = view(runs[i]);
     if (run.empty()) continue;
     if (end - position < run.size()) return false;
     const void* found = memmem(text.data() + position, end - position, run.data(), run.size());
@@ -168,20 +170,31 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
     // "[./]?", and a "?" or "+" behind one repeats "(.*)": neither adds
     // anything to what the star matches.
     size_t stars = 0;
-    for (char c : pattern_) stars += c == '*';
-    runs_.resize(stars + 1);
+    bool upper = false;
+    for (char c : pattern_) {
+      stars += c == '*';
+      upper |= c >= 'A' && c <= 'Z';
+    }
+    if (upper) {
+      runs_text_ = pattern_;
+      LowerAsciiInPlace(runs_text_);
+    }
+    runs_in_pattern_ = !upper;
     has_star_ = stars > 0;
-    size_t run = 0;
+    if (stars + 1 > kInlineRuns) more_runs_.reserve(stars + 1);
+    Run run = {0, 0};
     for (size_t i = 0; i < pattern_.size(); ++i) {
       char c = pattern_[i];
-      char before = i > 0 ? pattern_[i - 1] : '\0';
       if (c == '*') {
-        ++run;
-      } else if (!((c == '.' && before == '*') || c == '?' || c == '+')) {
-        runs_[run] += c;
+        AddRun(run);
+        run = {static_cast<uint32_t>(i + 1), 0};
+      } else if (run.length == 0 && (c == '?' || c == '+' || (c == '.' && i > 0 && pattern_[i - 1] == '*'))) {
+        run.offset = static_cast<uint32_t>(i + 1);
+      } else {
+        ++run.length;
       }
     }
-    for (std::string& text : runs_) LowerAsciiInPlace(text);
+    AddRun(run);
     return;
   }
   std::string expression = LoweredTranslation(std::string(pattern_));
@@ -195,8 +208,7 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
   }
   expression_ = std::move(regex.pcre2);
   if (regex.is_wildcard && unchecked) {
-    runs_ = std::move(regex.wildcard_runs);
-    has_star_ = runs_.size() > 1;
+    SetRuns(regex.wildcard_runs);
     return;
   }
   std::string error;
@@ -206,15 +218,31 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
     check_.error = "too large for the expression library: " + error;
     return;
   }
-  if (regex.is_wildcard) {
-    runs_ = std::move(regex.wildcard_runs);
-    has_star_ = runs_.size() > 1;
-  }
+  if (regex.is_wildcard) SetRuns(regex.wildcard_runs);
 }
 
 PreparedUrlPattern::~PreparedUrlPattern() = default;
 PreparedUrlPattern::PreparedUrlPattern(PreparedUrlPattern&&) noexcept = default;
 PreparedUrlPattern& PreparedUrlPattern::operator=(PreparedUrlPattern&&) noexcept = default;
+
+void PreparedUrlPattern::AddRun(Run run) {
+  if (run_count_ < kInlineRuns) inline_runs_[run_count_] = run;
+  if (run_count_ == kInlineRuns) {
+    more_runs_.assign(inline_runs_, inline_runs_ + kInlineRuns);
+  }
+  if (run_count_ >= kInlineRuns) more_runs_.push_back(run);
+  ++run_count_;
+}
+
+void PreparedUrlPattern::SetRuns(const std::vector<std::string>& runs) {
+  runs_text_.clear();
+  for (const std::string& run : runs) {
+    AddRun({static_cast<uint32_t>(runs_text_.size()), static_cast<uint32_t>(run.size())});
+    runs_text_ += run;
+  }
+  runs_in_pattern_ = false;
+  has_star_ = runs.size() > 1;
+}
 
 bool PreparedUrlPattern::Compile(std::string* error) const {
   if (code_) return true;
@@ -238,8 +266,10 @@ bool PreparedUrlPattern::Compile(std::string* error) const {
 
 MatchResult PreparedUrlPattern::Match(const LoweredSubject& subject, MatchScratch& scratch) const {
   if (!check_.valid) return MatchResult::kInvalidPattern;
-  if (!runs_.empty() && !(has_star_ && subject.has_line_break())) {
-    return MatchRuns(subject.text(), runs_) ? MatchResult::kMatch : MatchResult::kNoMatch;
+  if (run_count_ > 0 && !(has_star_ && subject.has_line_break())) {
+    const char* base = runs_in_pattern_ ? pattern_.data() : runs_text_.data();
+    return MatchRuns(subject.text(), base, runs(), run_count_) ? MatchResult::kMatch
+                                                                : MatchResult::kNoMatch;
   }
   return MatchExpression(subject, scratch);
 }

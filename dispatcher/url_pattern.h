@@ -92,7 +92,7 @@ class PreparedUrlPattern {
   const PatternCheck& check() const { return check_; }
   // Valid and matched without the expression library (unless the subject
   // holds CR or LF).
-  bool is_wildcard() const { return !runs_.empty(); }
+  bool is_wildcard() const { return run_count_ > 0; }
 
   // kInvalidPattern when the pattern is not valid.
   MatchResult Match(const LoweredSubject& subject, MatchScratch& scratch) const;
@@ -104,14 +104,29 @@ class PreparedUrlPattern {
 
  private:
   struct Code;
+  void SetRuns(const std::vector<std::string>& runs);
   // Compiles the expression once; false with *error (optional) set when the
   // library refuses it.
   bool Compile(std::string* error) const;
 
   std::string_view pattern_;
   PatternCheck check_;
-  // Literal runs around the stars (one more than there are stars).
-  std::vector<std::string> runs_;
+  // Literal runs around the stars (one more than there are stars): parts of
+  // the pattern itself, or of runs_text_ when they are not (upper-case
+  // letters, or a pattern with operators).
+  struct Run {
+    uint32_t offset;
+    uint32_t length;
+  };
+  void AddRun(Run run);
+  const Run* runs() const { return run_count_ <= kInlineRuns ? inline_runs_ : more_runs_.data(); }
+  // Most patterns have a few stars: their runs need no allocation.
+  static constexpr uint32_t kInlineRuns = 4;
+  Run inline_runs_[kInlineRuns];
+  std::vector<Run> more_runs_;  // all of them, when there are more
+  uint32_t run_count_ = 0;
+  std::string runs_text_;
+  bool runs_in_pattern_ = false;
   bool has_star_ = false;
   // The expression for PCRE2, compiled when first needed.
   mutable std::string expression_;
