@@ -1,5 +1,6 @@
 #include "dispatcher/ecmascript_regex.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -1085,9 +1086,105 @@ class WildcardFinder {
   std::vector<Token> tokens_;
 };
 
+// What is known of an expression before PCRE2 compiles it: the bytes every
+// match starts with, and a bound on the size of its compiled form.
+class Analysis {
+ public:
+  explicit Analysis(const std::vector<Node>& nodes) : nodes_(nodes) {}
+
+  std::string LiteralPrefix(int root) {
+    std::string prefix;
+    Prefix(root, &prefix);
+    return prefix;
+  }
+
+  // In compiled code units, generously: each item counted at more than PCRE2
+  // takes, repeated groups once per copy that PCRE2 makes of them.
+  uint64_t SizeBound(int index) const {
+    // Far beyond any compiled form, and far from overflowing.
+    constexpr uint64_t kHuge = uint64_t{1} << 40;
+    const Node& node = nodes_[index];
+    uint64_t children = 0;
+    size_t count = 0;
+    for (int child = node.child; child >= 0; child = nodes_[child].next) {
+      children = std::min(kHuge, children + SizeBound(child));
+      ++count;
+    }
+    switch (node.kind) {
+      case Kind::kByte: return 4;
+      case Kind::kSet: return 40;
+      case Kind::kBackReference: return 8;
+      case Kind::kBegin:
+      case Kind::kEnd: return 2;
+      case Kind::kWordBoundary: return 600;
+      case Kind::kSequence: return children;
+      case Kind::kAlternation: return children + 8 * count;
+      case Kind::kGroup:
+      case Kind::kNonCapture: return children + 16;
+      case Kind::kLookahead: return children + 40;
+      case Kind::kRepeat: {
+        const Node& atom = nodes_[node.child];
+        if (atom.kind == Kind::kByte || atom.kind == Kind::kSet ||
+            atom.kind == Kind::kBackReference) {
+          return children + 16;
+        }
+        // PCRE2 copies a group for each counted repetition, and once more
+        // for an open end; a rewritten repetition holds two copies and its
+        // calls.
+        uint64_t copies = node.max == kInfinite ? uint64_t{node.min} + 2 : uint64_t{node.max} + 1;
+        return std::min(kHuge, 2 * (children + 64) * copies + 64);
+      }
+    }
+    return children;
+  }
+
+ private:
+  // Appends the bytes every match of the node starts with; false where the
+  // known part ends.
+  bool Prefix(int index, std::string* prefix) {
+    const Node& node = nodes_[index];
+    switch (node.kind) {
+      case Kind::kByte:
+        prefix->push_back(static_cast<char>(node.byte));
+        return true;
+      case Kind::kSet: {
+        if (node.set.Count() != 1) return false;
+        for (unsigned b = 0; b < 256; ++b) {
+          if (node.set.Has(b)) prefix->push_back(static_cast<char>(b));
+        }
+        return true;
+      }
+      case Kind::kBegin:
+        return true;
+      case Kind::kSequence:
+        for (int child = node.child; child >= 0; child = nodes_[child].next) {
+          if (!Prefix(child, prefix)) return false;
+        }
+        return true;
+      case Kind::kGroup:
+      case Kind::kNonCapture:
+        return Prefix(node.child, prefix);
+      case Kind::kRepeat:
+        // The first repetition, when there must be one, starts the same way;
+        // what follows is not known.
+        if (node.min >= 1) Prefix(node.child, prefix);
+        return false;
+      case Kind::kAlternation:
+      case Kind::kLookahead:
+      case Kind::kBackReference:
+      case Kind::kEnd:
+      case Kind::kWordBoundary:
+        return false;
+    }
+    return false;
+  }
+
+  const std::vector<Node>& nodes_;
+};
+
 }  // namespace
 
-EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool pcre2_for_wildcards) {
+EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool write_pcre2) {
   EcmaScriptRegex result;
   Parser parser(expression);
   int root = parser.Parse();
@@ -1101,7 +1198,12 @@ EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool pcre2_for_
     result.is_wildcard = finder.Find(root, &result.wildcard_runs);
     if (!result.is_wildcard) result.wildcard_runs.clear();
   }
-  if (!result.is_wildcard || pcre2_for_wildcards) {
+  if (!result.is_wildcard) {
+    Analysis analysis(parser.nodes());
+    result.literal_prefix = analysis.LiteralPrefix(root);
+    result.compiled_size_bound = analysis.SizeBound(root);
+  }
+  if (write_pcre2) {
     Emitter emitter(parser.nodes(), parser.references(), parser.group_count());
     result.pcre2 = emitter.Emit(root);
     if (emitter.too_large()) {

@@ -10,6 +10,7 @@
 #include <pcre2.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,20 +22,24 @@ struct EcmaScriptRegex {
   // When invalid: why, and where in the expression.
   std::string error;
   size_t offset = 0;
-  // When valid (and not a wildcard, unless asked for): the same expression
-  // in PCRE2's syntax, for a whole-subject match with the library's default
-  // options (no UTF, no multi-line) and CR or LF as newline (PCRE2_NEWLINE_ANYCRLF).
+  // When valid and asked for: the same expression in PCRE2's syntax, for a
+  // whole-subject match with the library's default options (no UTF, no
+  // multi-line) and CR or LF as newline (PCRE2_NEWLINE_ANYCRLF).
   std::string pcre2;
   // When valid and the expression only chains literal bytes and runs of any
   // bytes but CR and LF (".*" in every spelling): the literal runs around
   // those stars, so that the wildcard matcher can answer instead of PCRE2.
   bool is_wildcard = false;
   std::vector<std::string> wildcard_runs;  // one more than there are stars
+  // When valid and not a wildcard: the bytes every match starts with, and a
+  // bound on the number of code units PCRE2's compiled form takes.
+  std::string literal_prefix;
+  uint64_t compiled_size_bound = 0;
 };
 
-// Parses `expression` (already lower-cased by the caller). The PCRE2 form of
-// a wildcard is written only when `pcre2_for_wildcards` is set.
-EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool pcre2_for_wildcards);
+// Parses `expression` (already lower-cased by the caller); writes its PCRE2
+// form when `write_pcre2` is set.
+EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool write_pcre2);
 
 // The PCRE2 callout handler that the expressions above need (they use
 // callouts for a word boundary inside a lookahead): 0 to go on, 1 to fail at

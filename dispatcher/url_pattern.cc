@@ -39,6 +39,9 @@ constexpr uint32_t kHeapLimitKiB = 256 * 1024;
 // Longer plain patterns are checked like any other, so that one too large
 // for the library's compiled form is invalid there as everywhere else.
 constexpr size_t kMaxPlainPatternLength = 2048;
+// An expression whose compiled form is bound to stay below this many code
+// units always compiles (the library takes up to 65536).
+constexpr uint64_t kMaxUncheckedCompiledSize = 50000;
 // A wildcard expression this short always compiles (each byte of it takes at
 // most some 17 bytes of compiled form, far below the library's 64 KiB), so it
 // is not compiled just to check it.
@@ -198,22 +201,25 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
     return;
   }
   std::string expression = LoweredTranslation(std::string(pattern_));
-  bool unchecked = expression.size() <= kMaxUncheckedExpression;
-  EcmaScriptRegex regex = TranslateEcmaScript(expression, !unchecked);
+  EcmaScriptRegex regex = TranslateEcmaScript(expression, false);
   if (!regex.valid) {
     check_.valid = false;
     check_.error = regex.error;
     check_.offset = regex.offset;
     return;
   }
-  expression_ = std::move(regex.pcre2);
-  if (regex.is_wildcard && unchecked) {
+  if (regex.is_wildcard && expression.size() <= kMaxUncheckedExpression) {
     SetRuns(regex.wildcard_runs);
     return;
   }
+  if (!regex.is_wildcard && regex.compiled_size_bound <= kMaxUncheckedCompiledSize) {
+    // Sure to compile: that waits until a subject starts as a match must.
+    literal_prefix_ = std::move(regex.literal_prefix);
+    return;
+  }
+  // Possibly too large for the library: compiled now to know.
   std::string error;
   if (!Compile(&error)) {
-    // Valid in the grammar but beyond what the library compiles.
     check_.valid = false;
     check_.error = "too large for the expression library: " + error;
     return;
@@ -246,9 +252,14 @@ void PreparedUrlPattern::SetRuns(const std::vector<std::string>& runs) {
 
 bool PreparedUrlPattern::Compile(std::string* error) const {
   if (code_) return true;
-  // A wildcard is written for PCRE2 only now; it is known to be valid.
+  // Written for PCRE2 only now; the pattern is known to be valid.
   if (expression_.empty()) {
-    expression_ = TranslateEcmaScript(LoweredTranslation(std::string(pattern_)), true).pcre2;
+    EcmaScriptRegex regex = TranslateEcmaScript(LoweredTranslation(std::string(pattern_)), true);
+    if (!regex.valid) {
+      if (error) *error = regex.error;
+      return false;
+    }
+    expression_ = std::move(regex.pcre2);
   }
   int error_code = 0;
   PCRE2_SIZE error_offset = 0;
@@ -270,6 +281,11 @@ MatchResult PreparedUrlPattern::Match(const LoweredSubject& subject, MatchScratc
     const char* base = runs_in_pattern_ ? pattern_.data() : runs_text_.data();
     return MatchRuns(subject.text(), base, runs(), run_count_) ? MatchResult::kMatch
                                                                 : MatchResult::kNoMatch;
+  }
+  // Most patterns name a host: a subject that does not start with it needs
+  // no expression library, and the pattern is not even compiled.
+  if (subject.text().compare(0, literal_prefix_.size(), literal_prefix_) != 0) {
+    return MatchResult::kNoMatch;
   }
   return MatchExpression(subject, scratch);
 }

@@ -79,7 +79,8 @@ class MatchScratch {
 
 // A pattern translated and checked once, then matched against any number of
 // subjects. Patterns that amount to literal runs around stars are matched by
-// a wildcard matcher; the others by the expression library, compiled once.
+// a wildcard matcher; the others by the expression library, compiled once,
+// when the first subject starts as their matches must.
 class PreparedUrlPattern {
  public:
   // `pattern` must outlive the prepared pattern.
@@ -128,6 +129,9 @@ class PreparedUrlPattern {
   std::string runs_text_;
   bool runs_in_pattern_ = false;
   bool has_star_ = false;
+  // What every match starts with (known for patterns that are compiled only
+  // when a subject starts with it).
+  std::string literal_prefix_;
   // The expression for PCRE2, compiled when first needed.
   mutable std::string expression_;
   mutable std::unique_ptr<Code> code_;

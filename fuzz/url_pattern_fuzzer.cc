@@ -1,6 +1,7 @@
-// Pattern matching on arbitrary input: never crashes, and the wildcard
-// matcher answers exactly as the expression library does wherever it takes
-// over (every pattern without operators, and the others it recognises).
+// Pattern matching on arbitrary input: never crashes, every valid pattern
+// compiles, and the shortcuts (the wildcard matcher for patterns without
+// operators and the others it recognises, the literal prefix) answer exactly
+// as the expression library does.
 //
 // Input: the pattern, a NUL byte, then the subject.
 #include <cstddef>
@@ -42,21 +43,19 @@ void CheckOne(const std::string& pattern, const std::string& subject) {
     return;
   }
 
+  // A valid pattern compiles (wildcards and short expressions are judged
+  // valid without compiling), and the wildcard matcher and the literal
+  // prefix agree with the expression library unless it gave up.
+  if (!prepared.ExpressionCompiles()) Fail("a valid pattern does not compile", pattern, subject);
   g_gave_up = false;
   MatchResult result = prepared.Match(lowered, scratch);
   bool gave_up = g_gave_up;
-  if (prepared.is_wildcard()) {
-    // The expression must compile (the wildcard matcher skips that check)
-    // and agree unless the library gave up.
-    if (!prepared.ExpressionCompiles()) Fail("a wildcard pattern does not compile", pattern, subject);
-    g_gave_up = false;
-    MatchResult expression = prepared.MatchExpression(lowered, scratch);
-    if (g_gave_up) return;
-    if (result != expression) {
-      Fail(result == MatchResult::kMatch ? "wildcard matched, expression did not"
-                                         : "expression matched, wildcard did not",
-           pattern, subject);
-    }
+  g_gave_up = false;
+  MatchResult expression = prepared.MatchExpression(lowered, scratch);
+  if (!gave_up && !g_gave_up && result != expression) {
+    Fail(result == MatchResult::kMatch ? "the prepared pattern matched, the expression did not"
+                                       : "the expression matched, the prepared pattern did not",
+         pattern, subject);
   }
   // Giving up costs the whole budget; once is enough.
   if (gave_up) return;
