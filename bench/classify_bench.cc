@@ -23,6 +23,7 @@
 #include "base/logging.h"
 #include "dispatcher/classifier.h"
 #include "dispatcher/policy.h"
+#include "dispatcher/url_pattern.h"
 
 namespace {
 
@@ -246,26 +247,29 @@ void BM_WriteFloor(benchmark::State& state) {
 BENCHMARK(BM_WriteFloor)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 // The time the expression library works before it gives up on a pattern
-// (and the URL counts as a work URL).
+// (and the URL counts as a work URL): catastrophic backtracking runs into the
+// step limit, deep repetition over a long subject into the depth limit.
 void BM_MatcherGivesUp(benchmark::State& state) {
   struct Case {
     const char* pattern;
-    std::string url;
+    std::string subject;
   };
   const Case cases[] = {
-      {"(x+x+)+y/", "https://" + std::string(40, 'x') + "/"},
-      {"(a|aa)+/", "https://" + std::string(64, 'a') + "c/"},
-      {"(a)+/", "https://" + std::string(2000000, 'a') + "c/"},
+      {"(x+x+)+y/", std::string(40, 'x') + "/"},
+      {"(a|aa)+/", std::string(64, 'a') + "c/"},
+      {"(a)+/", std::string(2000000, 'a') + "c/"},
   };
   const Case& c = cases[state.range(0)];
-  UrlClassifier classifier(OneRule({c.pattern}));
+  dispatcher::internal::PreparedUrlPattern pattern(c.pattern);
+  dispatcher::internal::LoweredSubject subject(c.subject);
+  dispatcher::internal::MatchScratch scratch;
   logging::SetLogMessageHandler(&SwallowLine);
   for (auto _ : state) {
-    Classification result = classifier.Classify(c.url, InvalidPatternHandling::kAbort);
-    benchmark::DoNotOptimize(result.is_work);
+    dispatcher::MatchResult result = pattern.Match(subject, scratch);
+    if (result != dispatcher::MatchResult::kMatch) state.SkipWithError("the matcher must give up");
   }
   logging::SetLogMessageHandler(nullptr);
-  state.SetLabel(std::string(c.pattern) + " against " + SizeName(static_cast<int64_t>(c.url.size())));
+  state.SetLabel(std::string(c.pattern) + " against " + SizeName(static_cast<int64_t>(c.subject.size())));
 }
 BENCHMARK(BM_MatcherGivesUp)->DenseRange(0, 2)->Unit(benchmark::kMillisecond);
 

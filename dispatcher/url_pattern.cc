@@ -29,12 +29,13 @@ constexpr uint32_t kCompileOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED | PCRE2_
 constexpr uint32_t kParensNestLimit = 1000;
 
 // When the expression library gives up on a pattern (see the README): the
-// number of backtracking steps, and how deeply backtracking points may nest.
-// Both are set so that giving up takes some 50 ms of work; bench/
-// classify_bench.cc measures it.
-uint32_t g_match_limit = 10000000;
-uint32_t g_depth_limit = 1000000;
-constexpr uint32_t kHeapLimitKiB = 256 * 1024;
+// number of backtracking steps, and how deeply backtracking points may nest
+// (each holds memory). Both are set so that giving up takes some 50 ms of
+// work, and the memory is bounded as well; BM_MatcherGivesUp in
+// bench/classify_bench.cc measures it.
+uint32_t g_match_limit = 4000000;
+uint32_t g_depth_limit = 50000;
+constexpr uint32_t kHeapLimitKiB = 64 * 1024;
 
 // Longer plain patterns are checked like any other, so that one too large
 // for the library's compiled form is invalid there as everywhere else.
@@ -316,6 +317,9 @@ MatchResult PreparedUrlPattern::MatchExpression(const LoweredSubject& subject,
                : PCRE2_ERROR_NOMEMORY;
   if (rc >= 0) return MatchResult::kMatch;
   if (rc == PCRE2_ERROR_NOMATCH) return MatchResult::kNoMatch;
+  // The match data keeps the memory the library used; it may be a lot now.
+  pcre2_match_data_free(data.match_data);
+  data.match_data = nullptr;
   // Limits or memory: the safe answer is the work browser.
   LOG(ERROR) << "Pattern matching gave up, treating URL as a work URL. Pattern : " << pattern_;
   return MatchResult::kMatch;
