@@ -150,6 +150,34 @@ TEST_F(ClassifierTest, MatchingThatGivesUpIsAWorkUrlWithOneErrorLine) {
   EXPECT_EQ(log_.lines().size(), 2u);
 }
 
+// One classifier for a run of URLs, as the dispatcher and explain keep it:
+// patterns prepared for one URL answer the next the same way, and a broken
+// pattern is reported only for a URL that reaches it.
+TEST_F(ClassifierTest, AClassifierKeptForManyUrlsDecidesAsAFreshOne) {
+  UrlClassifier classifier(PolicyRules{Rule({"a.test/*", "corp.test/(app|web)/*", "(", "*"})});
+  struct Step {
+    std::string url;
+    ClassificationReason reason;
+    size_t tried;
+  };
+  const std::vector<Step> steps = {
+      {"https://a.test/x", ClassificationReason::kMatched, 1},
+      {"https://corp.test/web/", ClassificationReason::kMatched, 2},
+      {"https://corp.test/mail/", ClassificationReason::kInvalidPattern, 3},
+      {"https://corp.test/app/", ClassificationReason::kMatched, 2},
+      {"https://a.test/", ClassificationReason::kMatched, 1},
+  };
+  for (const Step& step : steps) {
+    log_.Clear();
+    Classification result = classifier.Classify(step.url, InvalidPatternHandling::kReport);
+    EXPECT_EQ(result.reason, step.reason) << step.url;
+    EXPECT_EQ(log_.lines().size(), step.tried) << step.url;
+    Classification fresh = ClassifyUrl(classifier.rules(), step.url, InvalidPatternHandling::kReport);
+    EXPECT_EQ(fresh.reason, result.reason) << step.url;
+    EXPECT_EQ(fresh.error, result.error) << step.url;
+  }
+}
+
 using ClassifierDeathTest = ClassifierTest;
 
 TEST_F(ClassifierDeathTest, InvalidPatternsAndSchemeAndColonAloneEndTheProcess) {
