@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjson-dev
-          libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon)
+          libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon
+          clang libc++-14-dev libc++abi-14-dev)
 if [[ "${1:-}" == "--fuzz" ]]; then
   packages+=(clang libclang-rt-14-dev)
 fi
