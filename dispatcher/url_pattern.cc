@@ -163,9 +163,17 @@ struct MatchScratch::Data {
 MatchScratch::MatchScratch() : data_(std::make_unique<Data>()) {}
 MatchScratch::~MatchScratch() = default;
 
-struct PreparedUrlPattern::Code {
+struct PreparedUrlPattern::Extra {
+  PatternCheck check;
+  std::vector<Run> runs;  // all of them, when there are more than fit inline
+  std::string runs_text;
+  // What every match starts with (known for patterns that are compiled only
+  // when a subject starts with it).
+  std::string literal_prefix;
+  // The expression for PCRE2, compiled when first needed.
+  std::string expression;
   pcre2_code* code = nullptr;
-  ~Code() { pcre2_code_free(code); }
+  ~Extra() { pcre2_code_free(code); }
 };
 
 PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(pattern) {
@@ -180,12 +188,11 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
       upper |= c >= 'A' && c <= 'Z';
     }
     if (upper) {
-      runs_text_ = pattern_;
-      LowerAsciiInPlace(runs_text_);
+      extra().runs_text = pattern_;
+      LowerAsciiInPlace(extra_->runs_text);
     }
     runs_in_pattern_ = !upper;
     has_star_ = stars > 0;
-    if (stars + 1 > kInlineRuns) more_runs_.reserve(stars + 1);
     Run run = {0, 0};
     for (size_t i = 0; i < pattern_.size(); ++i) {
       char c = pattern_[i];
@@ -203,10 +210,11 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
   }
   std::string expression = LoweredTranslation(std::string(pattern_));
   EcmaScriptRegex regex = TranslateEcmaScript(expression, false);
+  Extra& more = extra();
   if (!regex.valid) {
-    check_.valid = false;
-    check_.error = regex.error;
-    check_.offset = regex.offset;
+    more.check.valid = false;
+    more.check.error = regex.error;
+    more.check.offset = regex.offset;
     return;
   }
   if (regex.is_wildcard && expression.size() <= kMaxUncheckedExpression) {
@@ -215,14 +223,14 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
   }
   if (!regex.is_wildcard && regex.compiled_size_bound <= kMaxUncheckedCompiledSize) {
     // Sure to compile: that waits until a subject starts as a match must.
-    literal_prefix_ = std::move(regex.literal_prefix);
+    more.literal_prefix = std::move(regex.literal_prefix);
     return;
   }
   // Possibly too large for the library: compiled now to know.
   std::string error;
   if (!Compile(&error)) {
-    check_.valid = false;
-    check_.error = "too large for the expression library: " + error;
+    more.check.valid = false;
+    more.check.error = "too large for the expression library: " + error;
     return;
   }
   if (regex.is_wildcard) SetRuns(regex.wildcard_runs);
@@ -232,60 +240,74 @@ PreparedUrlPattern::~PreparedUrlPattern() = default;
 PreparedUrlPattern::PreparedUrlPattern(PreparedUrlPattern&&) noexcept = default;
 PreparedUrlPattern& PreparedUrlPattern::operator=(PreparedUrlPattern&&) noexcept = default;
 
+const PatternCheck& PreparedUrlPattern::check() const {
+  static const PatternCheck kValid;
+  return extra_ ? extra_->check : kValid;
+}
+
+PreparedUrlPattern::Extra& PreparedUrlPattern::extra() const {
+  if (!extra_) extra_ = std::make_unique<Extra>();
+  return *extra_;
+}
+
+const PreparedUrlPattern::Run* PreparedUrlPattern::runs() const {
+  return run_count_ <= kInlineRuns ? inline_runs_ : extra_->runs.data();
+}
+
 void PreparedUrlPattern::AddRun(Run run) {
   if (run_count_ < kInlineRuns) inline_runs_[run_count_] = run;
-  if (run_count_ == kInlineRuns) {
-    more_runs_.assign(inline_runs_, inline_runs_ + kInlineRuns);
-  }
-  if (run_count_ >= kInlineRuns) more_runs_.push_back(run);
+  if (run_count_ == kInlineRuns) extra().runs.assign(inline_runs_, inline_runs_ + kInlineRuns);
+  if (run_count_ >= kInlineRuns) extra_->runs.push_back(run);
   ++run_count_;
 }
 
 void PreparedUrlPattern::SetRuns(const std::vector<std::string>& runs) {
-  runs_text_.clear();
+  std::string text;
   for (const std::string& run : runs) {
-    AddRun({static_cast<uint32_t>(runs_text_.size()), static_cast<uint32_t>(run.size())});
-    runs_text_ += run;
+    AddRun({static_cast<uint32_t>(text.size()), static_cast<uint32_t>(run.size())});
+    text += run;
   }
+  extra().runs_text = std::move(text);
   runs_in_pattern_ = false;
   has_star_ = runs.size() > 1;
 }
 
 bool PreparedUrlPattern::Compile(std::string* error) const {
-  if (code_) return true;
-  // Written for PCRE2 only now; the pattern is known to be valid.
-  if (expression_.empty()) {
+  // A plain pattern has no Extra until it needs the library (a subject with
+  // a line break); the pattern and its translation are known to be valid.
+  Extra& more = extra();
+  if (more.code) return true;
+  // Written for PCRE2 only now.
+  if (more.expression.empty()) {
     EcmaScriptRegex regex = TranslateEcmaScript(LoweredTranslation(std::string(pattern_)), true);
     if (!regex.valid) {
       if (error) *error = regex.error;
       return false;
     }
-    expression_ = std::move(regex.pcre2);
+    more.expression = std::move(regex.pcre2);
   }
   int error_code = 0;
   PCRE2_SIZE error_offset = 0;
-  pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression_.data()),
-                                   expression_.size(), kCompileOptions, &error_code,
-                                   &error_offset, CompileContext());
-  if (!code) {
+  more.code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(more.expression.data()),
+                            more.expression.size(), kCompileOptions, &error_code, &error_offset,
+                            CompileContext());
+  if (!more.code) {
     if (error) *error = ErrorMessage(error_code);
     return false;
   }
-  code_ = std::make_unique<Code>();
-  code_->code = code;
   return true;
 }
 
 MatchResult PreparedUrlPattern::Match(const LoweredSubject& subject, MatchScratch& scratch) const {
-  if (!check_.valid) return MatchResult::kInvalidPattern;
+  if (!check().valid) return MatchResult::kInvalidPattern;
   if (run_count_ > 0 && !(has_star_ && subject.has_line_break())) {
-    const char* base = runs_in_pattern_ ? pattern_.data() : runs_text_.data();
+    const char* base = runs_in_pattern_ ? pattern_.data() : extra_->runs_text.data();
     return MatchRuns(subject.text(), base, runs(), run_count_) ? MatchResult::kMatch
                                                                 : MatchResult::kNoMatch;
   }
   // Most patterns name a host: a subject that does not start with it needs
   // no expression library, and the pattern is not even compiled.
-  if (subject.text().compare(0, literal_prefix_.size(), literal_prefix_) != 0) {
+  if (extra_ && subject.text().compare(0, extra_->literal_prefix.size(), extra_->literal_prefix) != 0) {
     return MatchResult::kNoMatch;
   }
   return MatchExpression(subject, scratch);
@@ -293,7 +315,7 @@ MatchResult PreparedUrlPattern::Match(const LoweredSubject& subject, MatchScratc
 
 MatchResult PreparedUrlPattern::MatchExpression(const LoweredSubject& subject,
                                                 MatchScratch& scratch) const {
-  if (!check_.valid) return MatchResult::kInvalidPattern;
+  if (!check().valid) return MatchResult::kInvalidPattern;
   MatchScratch::Data& data = *scratch.data_;
   if (!data.context) {
     data.context = pcre2_match_context_create(nullptr);
@@ -312,7 +334,7 @@ MatchResult PreparedUrlPattern::MatchExpression(const LoweredSubject& subject,
   if (!data.match_data) data.match_data = pcre2_match_data_create(1, nullptr);
   const std::string& text = subject.text();
   int rc = Compile(nullptr) && data.context && data.match_data
-               ? pcre2_match(code_->code, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(),
+               ? pcre2_match(extra_->code, reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(),
                              0, 0, data.match_data, data.context)
                : PCRE2_ERROR_NOMEMORY;
   if (rc >= 0) return MatchResult::kMatch;

@@ -90,7 +90,7 @@ class PreparedUrlPattern {
   PreparedUrlPattern& operator=(PreparedUrlPattern&&) noexcept;
 
   std::string_view pattern() const { return pattern_; }
-  const PatternCheck& check() const { return check_; }
+  const PatternCheck& check() const;
   // Valid and matched without the expression library (unless the subject
   // holds CR or LF).
   bool is_wildcard() const { return run_count_ > 0; }
@@ -101,40 +101,36 @@ class PreparedUrlPattern {
   MatchResult MatchExpression(const LoweredSubject& subject, MatchScratch& scratch) const;
   // Whether the library compiles the expression (a wildcard pattern is valid
   // without compiling it).
-  bool ExpressionCompiles() const { return check_.valid && Compile(nullptr); }
+  bool ExpressionCompiles() const { return check().valid && Compile(nullptr); }
 
  private:
-  struct Code;
-  void SetRuns(const std::vector<std::string>& runs);
-  // Compiles the expression once; false with *error (optional) set when the
-  // library refuses it.
-  bool Compile(std::string* error) const;
-
-  std::string_view pattern_;
-  PatternCheck check_;
   // Literal runs around the stars (one more than there are stars): parts of
-  // the pattern itself, or of runs_text_ when they are not (upper-case
+  // the pattern itself, or of Extra::runs_text when they are not (upper-case
   // letters, or a pattern with operators).
   struct Run {
     uint32_t offset;
     uint32_t length;
   };
+  // What only some patterns need: kept apart so that the many plain ones stay
+  // small.
+  struct Extra;
+  Extra& extra() const;
   void AddRun(Run run);
-  const Run* runs() const { return run_count_ <= kInlineRuns ? inline_runs_ : more_runs_.data(); }
+  void SetRuns(const std::vector<std::string>& runs);
+  const Run* runs() const;
+  // Compiles the expression once; false with *error (optional) set when the
+  // library refuses it.
+  bool Compile(std::string* error) const;
+
+  std::string_view pattern_;
   // Most patterns have a few stars: their runs need no allocation.
   static constexpr uint32_t kInlineRuns = 4;
   Run inline_runs_[kInlineRuns];
-  std::vector<Run> more_runs_;  // all of them, when there are more
   uint32_t run_count_ = 0;
-  std::string runs_text_;
   bool runs_in_pattern_ = false;
   bool has_star_ = false;
-  // What every match starts with (known for patterns that are compiled only
-  // when a subject starts with it).
-  std::string literal_prefix_;
-  // The expression for PCRE2, compiled when first needed.
-  mutable std::string expression_;
-  mutable std::unique_ptr<Code> code_;
+  // Filled in lazily, also while matching.
+  mutable std::unique_ptr<Extra> extra_;
 };
 
 // Whether the pattern holds no expression operator but "?" or "+" (possibly
