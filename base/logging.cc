@@ -181,18 +181,10 @@ enum class ThreadStreamState : int { kNone, kAlive, kGone };
 thread_local ThreadStreamState t_stream_state = ThreadStreamState::kNone;
 thread_local bool t_stream_in_use = false;
 
-struct ThreadStream {
-  ThreadStream() { t_stream_state = ThreadStreamState::kAlive; }
-  ~ThreadStream() { t_stream_state = ThreadStreamState::kGone; }
-  internal::LineStream stream;
-};
-
-internal::LineStream* TakeThreadStream() {
-  if (t_stream_in_use || t_stream_state == ThreadStreamState::kGone) return nullptr;
-  thread_local ThreadStream thread_stream;
-  t_stream_in_use = true;
-  thread_stream.stream.Reset();
-  return &thread_stream.stream;
+const char* BaseName(const char* file) {
+  const char* p = file + strlen(file);
+  while (p > file && p[-1] != '/' && p[-1] != '\\') --p;
+  return p;
 }
 
 void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
@@ -205,6 +197,43 @@ void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
   } while (value > 0);
   while (end - p < min_digits) *--p = '0';
   out->append(p, static_cast<size_t>(end - p));
+}
+
+// ":SEVERITY:file(line)] ", the part of the prefix that a statement repeats.
+void AppendStatement(std::string* out, LogSeverity severity, const char* file, int line) {
+  *out += ':';
+  switch (severity) {
+    case LOG_INFO: *out += "INFO"; break;
+    case LOG_WARNING: *out += "WARNING"; break;
+    case LOG_ERROR: *out += "ERROR"; break;
+    case LOG_FATAL: *out += "FATAL"; break;
+    default: *out += SeverityName(severity); break;
+  }
+  *out += ':';
+  *out += BaseName(file);
+  *out += '(';
+  if (line < 0) *out += '-';
+  AppendDecimal(out, line < 0 ? 0ul - static_cast<unsigned long>(line) : static_cast<unsigned long>(line), 1);
+  *out += ")] ";
+}
+
+struct ThreadStream {
+  ThreadStream() { t_stream_state = ThreadStreamState::kAlive; }
+  ~ThreadStream() { t_stream_state = ThreadStreamState::kGone; }
+  internal::LineStream stream;
+  // The last statement's part of the prefix: a loop that logs repeats it.
+  const char* file = nullptr;
+  int line = 0;
+  LogSeverity severity = 0;
+  std::string statement;
+};
+
+ThreadStream* TakeThreadStream() {
+  if (t_stream_in_use || t_stream_state == ThreadStreamState::kGone) return nullptr;
+  thread_local ThreadStream thread_stream;
+  t_stream_in_use = true;
+  thread_stream.stream.Reset();
+  return &thread_stream;
 }
 
 // Writes all of `line` unless the descriptor fails.
@@ -269,11 +298,6 @@ void WriteToLogFile(const std::string& line) {
   WriteAll(fileno(g_log_file), line);
 }
 
-const char* BaseName(const char* file) {
-  const char* p = file + strlen(file);
-  while (p > file && p[-1] != '/' && p[-1] != '\\') --p;
-  return p;
-}
 
 }  // namespace
 
@@ -329,8 +353,10 @@ std::string SeverityName(LogSeverity severity) {
 LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
     : severity_(severity), file_(file), line_(line), saved_errno_(errno) {
   errno = 0;
-  stream_ = TakeThreadStream();
-  if (!stream_) {
+  ThreadStream* thread_stream = TakeThreadStream();
+  if (thread_stream) {
+    stream_ = &thread_stream->stream;
+  } else {
     stream_ = new internal::LineStream;
     owns_stream_ = true;
   }
@@ -343,20 +369,19 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
   text += LocalSecond(seconds);
   text += '.';
   AppendDecimal(&text, static_cast<unsigned long>(tv.tv_usec), 6);
-  text += ':';
-  switch (severity_) {
-    case LOG_INFO: text += "INFO"; break;
-    case LOG_WARNING: text += "WARNING"; break;
-    case LOG_ERROR: text += "ERROR"; break;
-    case LOG_FATAL: text += "FATAL"; break;
-    default: text += SeverityName(severity_); break;
+  if (!thread_stream) {
+    AppendStatement(&text, severity_, file_, line_);
+  } else {
+    if (thread_stream->file != file_ || thread_stream->line != line_ ||
+        thread_stream->severity != severity_) {
+      thread_stream->statement.clear();
+      AppendStatement(&thread_stream->statement, severity_, file_, line_);
+      thread_stream->file = file_;
+      thread_stream->line = line_;
+      thread_stream->severity = severity_;
+    }
+    text += thread_stream->statement;
   }
-  text += ':';
-  text += BaseName(file_);
-  text += '(';
-  if (line_ < 0) text += '-';
-  AppendDecimal(&text, line_ < 0 ? 0ul - static_cast<unsigned long>(line_) : static_cast<unsigned long>(line_), 1);
-  text += ")] ";
   message_start_ = text.size();
 }
 
