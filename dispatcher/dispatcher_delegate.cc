@@ -110,8 +110,7 @@ void AppDelegate::applicationOpenURLs(const std::vector<Url>& urls) {
   }
   if (isDispatcherTerminating()) return;
   setIsDispatcherTerminating(true);
-  // The stand-in for the system's default-priority global queue: one worker.
-  std::thread([this] { terminateDispatcher(); }).detach();
+  application_.RunInBackground([this] { terminateDispatcher(); });
 }
 
 void AppDelegate::terminateDispatcher() {

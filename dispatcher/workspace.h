@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace dispatcher {
@@ -63,6 +64,10 @@ class ApplicationShell {
   // Asks the framework to end the application; it then calls
   // applicationWillTerminate. May be called from any thread.
   virtual void Terminate() = 0;
+
+  // Runs `task` once on a worker of the system's default-priority background
+  // pool and returns at once; the task may block its worker for seconds.
+  virtual void RunInBackground(std::function<void()> task) { std::thread(std::move(task)).detach(); }
 };
 
 }  // namespace dispatcher

@@ -1,13 +1,20 @@
 #import <AppKit/AppKit.h>
+#include <dispatch/dispatch.h>
+#include <sys/syslimits.h>
 
 #include "platform/mac/mac_workspace.h"
+
+#if !__has_feature(objc_arc)
+#error "Built with ARC: the bridged casts below rely on it."
+#endif
 
 namespace dispatcher::mac_shell {
 
 namespace {
 
 // The platform object a core URL carries, or one made from its text (a
-// location read from Local State has no object).
+// location read from Local State has no object). The object stays owned by
+// the core URL; ARC retains it for as long as the caller holds it.
 NSURL* NSURLFromUrl(const Url& url) {
   if (url.platform_object) return (__bridge NSURL*)url.platform_object.get();
   NSString* string = [[NSString alloc] initWithBytes:url.spec.data()
@@ -16,13 +23,25 @@ NSURL* NSURLFromUrl(const Url& url) {
   return string ? [NSURL URLWithString:string] : nil;
 }
 
+// A failure that the workspace was never asked about, reported the way the
+// workspace reports its own: later, on a thread of its own.
+void ReportFailureLater(Workspace::Completion completion) {
+  dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), ^{
+    completion(false);
+  });
+}
+
 }  // namespace
 
 Url UrlFromNSURL(NSURL* url) {
-  const char* text = [[url absoluteString] UTF8String];
-  std::shared_ptr<const void> object((__bridge_retained const void*)url,
-                                     [](const void* retained) { CFRelease(retained); });
-  return Url(text ? std::string(text) : std::string(), std::move(object));
+  @autoreleasepool {
+    const char* text = [[url absoluteString] UTF8String];
+    // The core holds one reference of its own, released when its last copy
+    // of the URL goes, on whatever thread that is.
+    std::shared_ptr<const void> object((__bridge_retained const void*)url,
+                                       [](const void* retained) { CFRelease(retained); });
+    return Url(text ? std::string(text) : std::string(), std::move(object));
+  }
 }
 
 bool MacWorkspace::CanOpenUrls() {
@@ -42,29 +61,42 @@ std::optional<Url> MacWorkspace::WorkBrowserLocation() {
 std::optional<std::string> MacWorkspace::PathOfLocation(const Url& location) {
   @autoreleasepool {
     NSString* path = [[NSURLFromUrl(location) absoluteURL] path];
-    if (!path) return std::nullopt;
-    return std::string([path fileSystemRepresentation]);
+    char buffer[PATH_MAX];
+    // The checked form: fileSystemRepresentation raises for a path it
+    // cannot convert, and this program is built without exceptions.
+    if (!path || ![path getFileSystemRepresentation:buffer maxLength:sizeof(buffer)]) {
+      return std::nullopt;
+    }
+    return std::string(buffer);
   }
 }
 
 void MacWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application,
                            Completion completion) {
   if (@available(macOS 10.15, *)) {
-    NSURL* target = NSURLFromUrl(url);
-    // An absent application is handed on as it is: the workspace reports it.
-    NSURL* app = application ? NSURLFromUrl(*application) : nil;
-    NSWorkspaceOpenConfiguration* configuration = [NSWorkspaceOpenConfiguration configuration];
-    [configuration setAllowsRunningApplicationSubstitution:NO];
-    NSArray<NSURL*>* urls = target ? @[ target ] : @[];
-    Completion done = std::move(completion);
-    [[NSWorkspace sharedWorkspace] openURLs:urls
-                       withApplicationAtURL:app
-                              configuration:configuration
-                          completionHandler:^(NSRunningApplication*, NSError* error) {
-                            done(error == nil);
-                          }];
+    @autoreleasepool {
+      NSURL* target = NSURLFromUrl(url);
+      NSURL* app = application ? NSURLFromUrl(*application) : nil;
+      // The workspace takes no absent application (its parameter is
+      // non-null): a work browser that is not installed is a failed open.
+      if (!target || !app) {
+        ReportFailureLater(std::move(completion));
+        return;
+      }
+      NSWorkspaceOpenConfiguration* configuration = [[NSWorkspaceOpenConfiguration alloc] init];
+      [configuration setAllowsRunningApplicationSubstitution:NO];
+      NSURL* one_url[] = {target};
+      Completion done = std::move(completion);
+      // The handler runs on the workspace's own thread, not the main thread.
+      [[NSWorkspace sharedWorkspace] openURLs:[NSArray arrayWithObjects:one_url count:1]
+                         withApplicationAtURL:app
+                                configuration:configuration
+                            completionHandler:^(NSRunningApplication*, NSError* error) {
+                              done(error == nil);
+                            }];
+    }
   } else {
-    completion(false);
+    ReportFailureLater(std::move(completion));
   }
 }
 
