@@ -8,6 +8,8 @@
 #include "base/files/file_path.h"
 #include "base/files/time.h"
 
+struct stat;
+
 namespace base {
 
 struct FileInformation {
@@ -38,6 +40,12 @@ bool PathIsReadable(const FilePath& path);
 // Reads a whole regular file. False when it cannot be opened or read (a
 // directory, for one).
 bool ReadFileToString(const FilePath& path, std::string* contents);
+
+namespace internal {
+// The platform's part of GetFileInformation: the three times of the file
+// that `st` describes, `path` being where it was read.
+void FillFileTimes(const char* path, const struct stat& st, FileInformation* info);
+}  // namespace internal
 
 }  // namespace base
 
