@@ -18,10 +18,10 @@ namespace {
 // application the next attempt uses, shared by the call and its first
 // completion.
 struct Launch {
-  std::string url;
-  std::optional<std::string> work_browser;
+  Url url;
+  std::optional<Url> work_browser;
   std::mutex target_lock;  // the first completion may run on another thread
-  std::optional<std::string> target_application;
+  std::optional<Url> target_application;
 };
 
 }  // namespace
@@ -29,7 +29,7 @@ struct Launch {
 AppDelegate::AppDelegate(Workspace& workspace, ApplicationShell& application)
     : workspace_(workspace), application_(application) {}
 
-void AppDelegate::launchBrowser(const std::string& url) {
+void AppDelegate::launchBrowser(const Url& url) {
   if (!workspace_.CanOpenUrls()) {
     LOG(ERROR) << "Current macOS version is older than the minimum supported version (macOS 10.15)!";
     return;
@@ -56,7 +56,7 @@ void AppDelegate::launchBrowser(const std::string& url) {
     }
   }
 
-  std::optional<std::string> first_target;
+  std::optional<Url> first_target;
   {
     std::lock_guard<std::mutex> lock(launch->target_lock);
     first_target = launch->target_application;
@@ -64,7 +64,7 @@ void AppDelegate::launchBrowser(const std::string& url) {
   workspace_.OpenUrl(url, first_target, [this, launch](bool succeeded) {
     if (!succeeded) {
       LOG(ERROR) << "Failed to launch URL, will try to launch URL again in work browser.";
-      std::optional<std::string> retry_target;
+      std::optional<Url> retry_target;
       {
         std::lock_guard<std::mutex> lock(launch->target_lock);
         launch->target_application = launch->work_browser;
@@ -81,8 +81,8 @@ void AppDelegate::launchBrowser(const std::string& url) {
   });
 }
 
-bool AppDelegate::isWorkUrl(const std::string& url) {
-  return ClassifyUrl(policyUrls(), url, InvalidPatternHandling::kAbort).is_work;
+bool AppDelegate::isWorkUrl(const Url& url) {
+  return ClassifyUrl(policyUrls(), url.spec, InvalidPatternHandling::kAbort).is_work;
 }
 
 void AppDelegate::readLocalStatePrefs() {
@@ -91,19 +91,19 @@ void AppDelegate::readLocalStatePrefs() {
   setNonWorkBrowserPath(std::move(policy.non_work_browser_url));
 }
 
-std::string AppDelegate::convertUrlArrayToString(const std::vector<std::string>& urls) {
+std::string AppDelegate::convertUrlArrayToString(const std::vector<Url>& urls) {
   std::string text = "[ ";
   for (size_t i = 0; i < urls.size(); ++i) {
-    text += urls[i];
+    text += urls[i].spec;
     if (static_cast<int32_t>(i) + 1 < static_cast<int32_t>(urls.size())) text += ", ";
   }
   text += " ]";
   return text;
 }
 
-void AppDelegate::applicationOpenURLs(const std::vector<std::string>& urls) {
+void AppDelegate::applicationOpenURLs(const std::vector<Url>& urls) {
   LOG(INFO) << "Corvane Dispatcher received urls - " << convertUrlArrayToString(urls);
-  for (const std::string& url : urls) {
+  for (const Url& url : urls) {
     // Raised before the launch so that no completion can see it at zero.
     raiseLaunchCounter();
     launchBrowser(url);
@@ -140,10 +140,8 @@ void AppDelegate::lowerLaunchCounter() { launch_counter_.fetch_sub(1); }
 const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return policy_urls_; }
 void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) { policy_urls_ = std::move(rules); }
 
-const std::optional<std::string>& AppDelegate::nonWorkBrowserPath() const {
-  return non_work_browser_path_;
-}
-void AppDelegate::setNonWorkBrowserPath(std::optional<std::string> location) {
+const std::optional<Url>& AppDelegate::nonWorkBrowserPath() const { return non_work_browser_path_; }
+void AppDelegate::setNonWorkBrowserPath(std::optional<Url> location) {
   non_work_browser_path_ = std::move(location);
 }
 

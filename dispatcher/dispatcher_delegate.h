@@ -22,12 +22,12 @@ class AppDelegate {
 
   // Opens one URL in the browser that policy chooses, retrying a failed open
   // once in the work browser. Returns without waiting for the browser.
-  void launchBrowser(const std::string& url);
-  bool isWorkUrl(const std::string& url);
+  void launchBrowser(const Url& url);
+  bool isWorkUrl(const Url& url);
   void readLocalStatePrefs();
-  std::string convertUrlArrayToString(const std::vector<std::string>& urls);
+  std::string convertUrlArrayToString(const std::vector<Url>& urls);
   // One delivery of URLs (application:openURLs:).
-  void applicationOpenURLs(const std::vector<std::string>& urls);
+  void applicationOpenURLs(const std::vector<Url>& urls);
   // Waits 2 s, then until no launch is outstanding, then terminates. Blocks;
   // never called on the main thread.
   void terminateDispatcher();
@@ -44,8 +44,8 @@ class AppDelegate {
   const std::optional<PolicyRules>& policyUrls() const;
   void setPolicyUrls(std::optional<PolicyRules> rules);
 
-  const std::optional<std::string>& nonWorkBrowserPath() const;
-  void setNonWorkBrowserPath(std::optional<std::string> location);
+  const std::optional<Url>& nonWorkBrowserPath() const;
+  void setNonWorkBrowserPath(std::optional<Url> location);
 
   bool isDispatcherTerminating() const;
   void setIsDispatcherTerminating(bool terminating);
@@ -56,7 +56,7 @@ class AppDelegate {
 
   std::atomic<int32_t> launch_counter_{0};
   std::optional<PolicyRules> policy_urls_;
-  std::optional<std::string> non_work_browser_path_;
+  std::optional<Url> non_work_browser_path_;
   std::atomic<bool> is_dispatcher_terminating_{false};
 };
 

@@ -91,8 +91,9 @@ int OnCommandLine(GApplication*, GApplicationCommandLine* command_line, gpointer
   shell->workspace->SetActivationTokens(
       DeliveryVariable(command_line, "XDG_ACTIVATION_TOKEN", shell->environment.xdg_activation_token),
       DeliveryVariable(command_line, "DESKTOP_STARTUP_ID", shell->environment.desktop_startup_id));
-  shell->delegate->applicationOpenURLs(
-      dispatcher::linux_shell::UrlsFromCommandLine(arguments, cwd ? cwd : "/"));
+  std::vector<std::string> texts = dispatcher::linux_shell::UrlsFromCommandLine(arguments, cwd ? cwd : "/");
+  // The text is the whole URL here: no platform object goes with it.
+  shell->delegate->applicationOpenURLs(std::vector<dispatcher::Url>(texts.begin(), texts.end()));
   return 0;
 }
 

@@ -198,10 +198,10 @@ void LinuxWorkspace::SetActivationTokens(std::optional<std::string> xdg_activati
 
 bool LinuxWorkspace::CanOpenUrls() { return true; }
 
-std::optional<std::string> LinuxWorkspace::WorkBrowserLocation() {
+std::optional<Url> LinuxWorkspace::WorkBrowserLocation() {
   GDesktopAppInfo* info = g_desktop_app_info_new(kWorkBrowserDesktopId);
   if (!info) return std::nullopt;
-  std::optional<std::string> location;
+  std::optional<Url> location;
   const char* filename = g_desktop_app_info_get_filename(info);
   if (filename) {
     gchar* uri = g_filename_to_uri(filename, nullptr, nullptr);
@@ -217,8 +217,8 @@ std::optional<std::string> LinuxWorkspace::WorkBrowserLocation() {
 // without a scheme that starts with "/" (which the policy reader accepts as
 // well formed) is read as if written with "file:" in front, so
 // "/usr/bin/browser" is that path and "//host/x" needs host to be local.
-std::optional<std::string> LinuxWorkspace::PathOfLocation(const std::string& location) {
-  std::string uri = location;
+std::optional<std::string> LinuxWorkspace::PathOfLocation(const Url& location) {
+  std::string uri = location.spec;
   if (!uri.empty() && uri[0] == '/') uri = "file:" + uri;
   size_t end_of_path = uri.find_first_of("?#");
   if (end_of_path != std::string::npos) uri.resize(end_of_path);
@@ -249,7 +249,7 @@ LinuxWorkspace::BrowserEnvironmentChanges() {
   };
 }
 
-void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::string>& application,
+void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application,
                              Completion completion) {
   std::optional<std::string> path;
   if (application) path = PathOfLocation(*application);
@@ -280,7 +280,7 @@ void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::st
       else
         g_app_launch_context_unsetenv(context, name.c_str());
     }
-    auto* launch = new DesktopLaunch{url, std::move(completion)};
+    auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
     launch->uris.data = launch->url.data();
     g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
                                  OnDesktopLaunchFinished, launch);
@@ -296,7 +296,7 @@ void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::st
     else
       envp = g_environ_unsetenv(envp, name.c_str());
   }
-  int spawn_error = SpawnBrowser(*path, url, envp);
+  int spawn_error = SpawnBrowser(*path, url.spec, envp);
   g_strfreev(envp);
   if (spawn_error != 0) g_debug("Could not start %s: %s", path->c_str(), g_strerror(spawn_error));
   CompleteLater(std::move(completion), spawn_error == 0);

@@ -40,9 +40,9 @@ class LinuxWorkspace : public Workspace {
                            std::optional<std::string> desktop_startup_id);
 
   bool CanOpenUrls() override;
-  std::optional<std::string> WorkBrowserLocation() override;
-  std::optional<std::string> PathOfLocation(const std::string& location) override;
-  void OpenUrl(const std::string& url, const std::optional<std::string>& application,
+  std::optional<Url> WorkBrowserLocation() override;
+  std::optional<std::string> PathOfLocation(const Url& location) override;
+  void OpenUrl(const Url& url, const std::optional<Url>& application,
                Completion completion) override;
 
  private:

@@ -32,9 +32,10 @@ dispatcher::AppDelegate* g_delegate;
 }
 
 - (void)application:(NSApplication*)application openURLs:(NSArray<NSURL*>*)urls {
-  std::vector<std::string> texts;
-  for (NSURL* url in urls) texts.emplace_back([[url absoluteString] UTF8String]);
-  g_delegate->applicationOpenURLs(texts);
+  // The delivered objects themselves travel on to the workspace.
+  std::vector<dispatcher::Url> delivered;
+  for (NSURL* url in urls) delivered.push_back(dispatcher::mac_shell::UrlFromNSURL(url));
+  g_delegate->applicationOpenURLs(delivered);
 }
 
 - (void)applicationWillTerminate:(NSNotification*)notification {

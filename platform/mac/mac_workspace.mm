@@ -6,43 +6,53 @@ namespace dispatcher::mac_shell {
 
 namespace {
 
-NSURL* UrlFromString(const std::string& text) {
-  NSString* string = [[NSString alloc] initWithBytes:text.data()
-                                              length:text.size()
+// The platform object a core URL carries, or one made from its text (a
+// location read from Local State has no object).
+NSURL* NSURLFromUrl(const Url& url) {
+  if (url.platform_object) return (__bridge NSURL*)url.platform_object.get();
+  NSString* string = [[NSString alloc] initWithBytes:url.spec.data()
+                                              length:url.spec.size()
                                             encoding:NSUTF8StringEncoding];
   return string ? [NSURL URLWithString:string] : nil;
 }
 
 }  // namespace
 
+Url UrlFromNSURL(NSURL* url) {
+  const char* text = [[url absoluteString] UTF8String];
+  std::shared_ptr<const void> object((__bridge_retained const void*)url,
+                                     [](const void* retained) { CFRelease(retained); });
+  return Url(text ? std::string(text) : std::string(), std::move(object));
+}
+
 bool MacWorkspace::CanOpenUrls() {
   if (@available(macOS 10.15, *)) return true;
   return false;
 }
 
-std::optional<std::string> MacWorkspace::WorkBrowserLocation() {
+std::optional<Url> MacWorkspace::WorkBrowserLocation() {
   @autoreleasepool {
     NSURL* location = [[NSWorkspace sharedWorkspace]
         URLForApplicationWithBundleIdentifier:@(kWorkBrowserBundleIdentifier)];
     if (!location) return std::nullopt;
-    return std::string([[location absoluteString] UTF8String]);
+    return UrlFromNSURL(location);
   }
 }
 
-std::optional<std::string> MacWorkspace::PathOfLocation(const std::string& location) {
+std::optional<std::string> MacWorkspace::PathOfLocation(const Url& location) {
   @autoreleasepool {
-    NSString* path = [[UrlFromString(location) absoluteURL] path];
+    NSString* path = [[NSURLFromUrl(location) absoluteURL] path];
     if (!path) return std::nullopt;
     return std::string([path fileSystemRepresentation]);
   }
 }
 
-void MacWorkspace::OpenUrl(const std::string& url, const std::optional<std::string>& application,
+void MacWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application,
                            Completion completion) {
   if (@available(macOS 10.15, *)) {
-    NSURL* target = UrlFromString(url);
+    NSURL* target = NSURLFromUrl(url);
     // An absent application is handed on as it is: the workspace reports it.
-    NSURL* app = application ? UrlFromString(*application) : nil;
+    NSURL* app = application ? NSURLFromUrl(*application) : nil;
     NSWorkspaceOpenConfiguration* configuration = [NSWorkspaceOpenConfiguration configuration];
     [configuration setAllowsRunningApplicationSubstitution:NO];
     NSArray<NSURL*>* urls = target ? @[ target ] : @[];
