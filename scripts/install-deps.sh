@@ -8,7 +8,7 @@ packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjs
 case "${1:-}" in
   --fuzz) packages+=(clang libclang-rt-14-dev) ;;
   # The Debian package, its checks and the real-browser test (scripts/package.sh).
-  --desktop) packages+=(dpkg-dev lintian man-db desktop-file-utils xdg-utils libglib2.0-bin
+  --desktop) packages+=(dpkg-dev file lintian man-db desktop-file-utils xdg-utils libglib2.0-bin
                         chromium firefox-esr xvfb xauth) ;;
 esac
 
