@@ -18,10 +18,13 @@ option(CORVANE_FETCH_DEPENDENCIES "Build PCRE2 and simdjson from their pinned re
 
 include(FetchContent)
 
-# Release tarballs. Each hash is that of the archive which Debian 12 ships as
-# the package's original source (pcre2_10.42.orig.tar.gz,
-# simdjson_3.0.1.orig.tar.gz), whose hashes Debian's signed source index
-# vouches for.
+# Release tarballs. Each hash is that of the tarball Debian 12 ships as the
+# package's original source (pcre2_10.42.orig.tar.gz, simdjson_3.0.1.orig.tar.gz),
+# which Debian's signed source index vouches for. Debian takes PCRE2's from
+# the project's release page and simdjson's from the tag's source archive
+# (its git header names commit 0d2455029d845e801809dd54b01ae47173d7d8e8);
+# that the files at these addresses are still byte for byte the same was not
+# checked against them directly.
 set(CORVANE_PCRE2_URL
     "https://github.com/PCRE2Project/pcre2/releases/download/pcre2-10.42/pcre2-10.42.tar.gz")
 set(CORVANE_PCRE2_SHA256 c33b418e3b936ee3153de2c61cc638e7e4fe3156022a5c77d0711bcbb9d64f1f)

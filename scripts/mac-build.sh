@@ -175,6 +175,14 @@ EOF
 archs=(x86_64 arm64)
 for arch in "${archs[@]}"; do
   step "configure $arch"
+  # The toolchain's flags are cached at the first configure: another SDK or
+  # Zig needs a fresh build directory.
+  stamp="$out/$arch/corvane-toolchain.txt"
+  if [[ -f "$stamp" && "$(cat "$stamp")" != "$sdk $zig" ]]; then
+    rm -rf "${out:?}/$arch"
+  fi
+  mkdir -p "$out/$arch"
+  echo "$sdk $zig" >"$stamp"
   logged "configure-$arch" cmake -S "$root" -B "$out/$arch" -G Ninja -Wno-dev \
     --toolchain "$root/cmake/zig-macos.cmake" \
     -DCORVANE_MACOS_SDK="$sdk" -DCORVANE_ZIG="$zig" -DCORVANE_MACOS_ARCH="$arch" \
