@@ -1,6 +1,7 @@
 #include "dispatcher/local_state.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -71,11 +72,16 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadStopEarly) {
   EXPECT_EQ(ReadLocalStatePolicy(base::FilePath()).status, LocalStateStatus::kNotReadable);
   EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path "), Error("Local State is not readable.")}));
 
-  log_.Clear();
+  // A directory, and a file beyond the size that is read at all (sparse: it costs nothing).
+  std::string huge = dir_.Child("huge");
+  ASSERT_TRUE(corvane_test::WriteFile(huge, "{}") && truncate(huge.c_str(), kMaxLocalStateBytes + 1) == 0);
   ASSERT_TRUE(corvane_test::MakeDirectories(path_));
-  EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(path_)).status, LocalStateStatus::kReadFailed);
-  EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path " + path_), Info("Local State is readable."),
-                                             Error("Failed to read Local State data.")}));
+  for (const std::string& path : {path_, huge}) {
+    log_.Clear();
+    EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(path)).status, LocalStateStatus::kReadFailed);
+    EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path " + path), Info("Local State is readable."),
+                                               Error("Failed to read Local State data.")}));
+  }
 }
 
 TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
@@ -83,6 +89,10 @@ TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
       "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
       std::string(R"({"browser": {"browserPathForNonWorkLinks": "file:///b)") + "\xff\xfe\"}}",
       "{\"a\": \"\xc3\"}", "42", R"("kel_prefs")", "true", "null",
+      // Beside numbers beyond range, which are fine, the malformed ones still fail; so does too deep a nesting.
+      R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})", R"({"a": 1e400, "b": 12x})",
+      "{\"a\": 1e400, \"b\": \"\xff\"}", std::string(10000, '[') + std::string(10000, ']'),
+      "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}", "\xEF\xBB{}",
   };
   const std::string prefix = "Failed to parse Local State data. Error : ";
   for (const std::string& json : documents) {
@@ -100,6 +110,27 @@ TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
   }
   Read("17");
   EXPECT_NE(log_.lines()[3].message.find("not an object or an array"), std::string::npos);
+}
+
+TEST_F(LocalStateTest, ByteOrderMarkAndNumbersOfAnySizeKeepThePolicyAsThePlatformReaderDoes) {
+  const std::string policy = R"("kel_prefs": {"policy": {"browser_urls": [{"patterns": ["1e400/*", 1e400, "a\"-1\\",
+                                -99999999999999999999, "123456789012345678901234567890"]}]}})";
+  const std::string browser = R"("browser": {"n": 18446744073709551616, "browserPathForNonWorkLinks": "file:///b"})";
+  for (const std::string& json :
+       {"\xEF\xBB\xBF{" + policy + ", " + browser + "}",
+        "{\"big\": 123456789012345678901234567890, " + policy + ", " + browser +
+            R"(, "x": [1e400, -1E+400, 1.5e-400, 0.1e999, {"y": 1234567890123456789012345678901234567890e300}]})"}) {
+    SCOPED_TRACE(json);
+    LocalStatePolicy policy_read = Read(json);
+    EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
+    ASSERT_TRUE(policy_read.policy_urls && policy_read.policy_urls->size() == 1);
+    std::vector<std::string> patterns;
+    for (const PolicyPattern& pattern : (*policy_read.policy_urls)[0].patterns)
+      patterns.push_back(pattern.is_string ? pattern.text : "(number)");
+    EXPECT_EQ(patterns, (std::vector<std::string>{"1e400/*", "(number)", "a\"-1\\", "(number)",
+                                                  "123456789012345678901234567890"}));
+    EXPECT_EQ(policy_read.non_work_browser_url, "file:///b");
+  }
 }
 
 TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStillRead) {
