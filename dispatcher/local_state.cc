@@ -168,7 +168,7 @@ LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path) {
   simdjson::dom::parser parser;
   element root;
   simdjson::error_code code = parser.parse(data.data() + start, data.size() - start, false).get(root);
-  if (code == simdjson::NUMBER_ERROR) {
+  if (code == simdjson::NUMBER_ERROR || code == simdjson::NUMBER_OUT_OF_RANGE) {
     NeutraliseNumbers(data.data() + start, data.size() - start);
     code = parser.parse(data.data() + start, data.size() - start, false).get(root);
   }
