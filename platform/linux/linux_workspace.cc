@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include <utility>
@@ -49,14 +50,31 @@ void CompleteLater(Workspace::Completion completion, bool succeeded) {
                   new CompletionCall{std::move(completion), succeeded}, nullptr);
 }
 
+// Whether GIO starts the entry over the session bus (org.freedesktop.Application)
+// rather than through its Exec line: it does for a D-Bus-activatable entry
+// whose file name is a bus name, when there is a session bus.
+bool StartsOverSessionBus(GDesktopAppInfo* info) {
+  if (!g_desktop_app_info_get_boolean(info, "DBusActivatable")) return false;
+  const char* filename = g_desktop_app_info_get_filename(info);
+  if (!filename) return false;
+  std::string name = filename;
+  name = name.substr(name.rfind('/') + 1);
+  if (!EndsWith(name, kDesktopEntrySuffix)) return false;
+  name.resize(name.size() - strlen(kDesktopEntrySuffix));
+  if (!g_dbus_is_name(name.c_str()) || name[0] == ':') return false;
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  if (!bus) return false;
+  g_object_unref(bus);
+  return true;
+}
+
 // GIO's launch helper reports success as soon as it runs, even when the
 // entry's program has gone, so a vanished program must be caught here for
 // the retry to happen. The Exec line is parsed with shell quoting because
-// entries may quote a program path that contains blanks.
+// entries may quote a program path that contains blanks. Over the session
+// bus no program on disk is needed, and GIO reports a failed activation.
 bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
-  // Such entries start over the session bus, or through Exec when there is
-  // none; GIO decides, and the bus name needs no program on disk.
-  if (g_desktop_app_info_get_boolean(info, "DBusActivatable")) return true;
+  if (StartsOverSessionBus(info)) return true;
   gchar* exec = g_desktop_app_info_get_string(info, "Exec");
   if (!exec) return false;
   gint argc = 0;
@@ -71,6 +89,36 @@ bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
   g_free(exec);
   return runnable;
 }
+
+// A launch context that gives GIO the delivery's activation token. GIO asks
+// for it when the entry declares StartupNotify=true, and hands it on as
+// DESKTOP_STARTUP_ID to an entry it spawns or as "desktop-startup-id" in the
+// platform data of one it activates over the session bus, which no
+// environment variable of ours reaches.
+struct TokenLaunchContext {
+  GAppLaunchContext parent_instance;
+  gchar* token;
+};
+struct TokenLaunchContextClass {
+  GAppLaunchContextClass parent_class;
+};
+G_DEFINE_TYPE(TokenLaunchContext, token_launch_context, G_TYPE_APP_LAUNCH_CONTEXT)
+
+char* TokenLaunchContextStartupNotifyId(GAppLaunchContext* context, GAppInfo*, GList*) {
+  return g_strdup(reinterpret_cast<TokenLaunchContext*>(context)->token);
+}
+
+void TokenLaunchContextFinalize(GObject* object) {
+  g_free(reinterpret_cast<TokenLaunchContext*>(object)->token);
+  G_OBJECT_CLASS(token_launch_context_parent_class)->finalize(object);
+}
+
+void token_launch_context_class_init(TokenLaunchContextClass* klass) {
+  G_OBJECT_CLASS(klass)->finalize = TokenLaunchContextFinalize;
+  G_APP_LAUNCH_CONTEXT_CLASS(klass)->get_startup_notify_id = TokenLaunchContextStartupNotifyId;
+}
+
+void token_launch_context_init(TokenLaunchContext* context) { context->token = nullptr; }
 
 struct DesktopLaunch {
   std::string url;
@@ -227,7 +275,14 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
       CompleteLater(std::move(completion), false);
       return;
     }
-    GAppLaunchContext* context = g_app_launch_context_new();
+    // The startup identifier of X11 when there is one, else the Wayland
+    // token: desktops that set both give them the same value.
+    std::optional<std::string> token;
+    for (const auto& [name, value] : changes) {
+      if (value && (name == "DESKTOP_STARTUP_ID" || (name == "XDG_ACTIVATION_TOKEN" && !token))) token = value;
+    }
+    auto* context = static_cast<GAppLaunchContext*>(g_object_new(token_launch_context_get_type(), nullptr));
+    reinterpret_cast<TokenLaunchContext*>(context)->token = token ? g_strdup(token->c_str()) : nullptr;
     for (const auto& [name, value] : changes) {
       if (value)
         g_app_launch_context_setenv(context, name.c_str(), value->c_str());

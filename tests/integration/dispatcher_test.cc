@@ -114,6 +114,60 @@ TEST_F(DispatcherTest, HostileUrlsOfOneDeliveryReachTheirBrowsersByteForByteWith
   EXPECT_FALSE(FileExists("ran"));
 }
 
+TEST_F(DispatcherTest, EveryKindOfDesktopEntryGetsTheUrlAsOneArgumentAndTheToken) {
+  if (access("/usr/bin/dbus-run-session", X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
+  // D-Bus-activatable entries; the program of their Exec line is what GIO runs when there is no session bus.
+  auto activatable = [this](const std::string& program) {
+    return "[Desktop Entry]\nType=Application\nName=A\nDBusActivatable=true\nStartupNotify=true\nExec=\"" +
+           Home("Entry/" + program) + "\" %u\n";
+  };
+  ASSERT_TRUE(MakeDirectories(Home("data/dbus-1/services")));
+  for (const char* name : {"com.velora.velorabrowser", "org.example.Personal"}) {
+    ASSERT_TRUE(WriteFile(Home("data/dbus-1/services/") + name + ".service",
+                          std::string("[D-BUS Service]\nName=") + name + "\nExec=" + CORVANE_RECORDER_BROWSER +
+                              " --dbus-service " + name + "\n"));
+  }
+  ASSERT_EQ(symlink(CORVANE_RECORDER_BROWSER, Home("Entry/flatpak").c_str()), 0);
+  for (const char* name : {"org.example.Personal", "org.example.Unserved"})
+    ASSERT_TRUE(WriteFile(Home(name) + ".desktop", activatable("other browser")));
+  ASSERT_TRUE(WriteFile(Home("sandboxed.desktop"), "[Desktop Entry]\nType=Application\nName=S\nExec=" +
+                                                       Home("Entry/flatpak") +
+                                                       " run --branch=stable --arch=x86_64 --command=personal "
+                                                       "--file-forwarding org.example.Personal @@u %u @@\n"));
+  const std::string kPlainWorkEntry = ReadFile(work_entry_);
+  const std::string work = kWorkUrl, other = kOtherUrl, tokens = " | startup-2 token-1";
+  // Whether the work browser is D-Bus activatable, the non-work browser, whether there is a session bus, the URL,
+  // the launcher's lines and the one start as "program: arguments | DESKTOP_STARTUP_ID XDG_ACTIVATION_TOKEN".
+  // Over the bus the token arrives in the platform data, which carries one.
+  const std::vector<std::tuple<bool, std::string, bool, std::string, Strings, std::string>> kScenarios = {
+      {true, "", true, work, {kHosted, kLaunched}, "com.velora.velorabrowser: " + work + " | startup-2 -"},
+      {false, "org.example.Personal.desktop", true, other, {kFound, kLaunched},
+       "org.example.Personal: " + other + " | startup-2 -"},
+      {false, "org.example.Personal.desktop", false, other, {kFound, kLaunched}, "other browser: " + other + tokens},
+      // Nobody serves that name: the failed activation is retried in the work browser.
+      {false, "org.example.Unserved.desktop", true, other, {kFound, kFirstFailed}, "work browser: " + other + tokens},
+      {false, "sandboxed.desktop", true, other, {kFound, kLaunched},
+       "flatpak: run --branch=stable --arch=x86_64 --command=personal --file-forwarding org.example.Personal @@u " +
+           other + " @@" + tokens}};
+  ProcessOptions options = Options();
+  options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"}});
+  for (const auto& [work_activatable, non_work, bus, url, messages, start] : kScenarios) {
+    SCOPED_TRACE(non_work + (bus ? " with a bus" : " without a bus"));
+    WriteLocalState(non_work.empty() ? "" : "file://$HOME/" + non_work);
+    ASSERT_TRUE(WriteFile(work_entry_, work_activatable ? activatable("work browser") : kPlainWorkEntry));
+    EXPECT_EQ(Messages(Run({url}, options, bus ? Strings{"/usr/bin/dbus-run-session", "--"} : Strings{}).err, true),
+              messages);
+    Strings got;
+    for (BrowserRecord& r : Records(1)) {
+      std::string line = r.name + ":";
+      for (const std::string& a : r.args) line += " " + a;
+      auto token = [&r](const char* name) { return r.env.count(name) ? r.env[name] : std::string("-"); };
+      got.push_back(line + " | " + token("DESKTOP_STARTUP_ID") + " " + token("XDG_ACTIVATION_TOKEN"));
+    }
+    EXPECT_EQ(got, Strings{start});
+  }
+}
+
 TEST_F(DispatcherTest, SecondDeliveryIsHandledByTheRunningDispatcherAndTheForwarderLeavesTheLogAlone) {
   if (access("/usr/bin/dbus-run-session", X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   ProcessOptions options = Options();
