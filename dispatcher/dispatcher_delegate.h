@@ -14,6 +14,16 @@
 
 namespace dispatcher {
 
+// How a delivery reached us. A dispatcher that a dispatcher's own browser
+// launch started is part of a loop of dispatchers: a non-work browser that
+// runs the dispatcher, one way or another. If the work browser launch made
+// for such a delivery starts a dispatcher again, the work browser runs it too.
+enum class DeliveryOrigin {
+  kDirect,
+  kDispatcherLaunch,          // every URL goes to the work browser unrouted
+  kLoopWorkBrowserLaunch,     // and from there no launch can end the loop
+};
+
 class AppDelegate {
  public:
   AppDelegate(Workspace& workspace, ApplicationShell& application);
@@ -21,13 +31,16 @@ class AppDelegate {
   AppDelegate& operator=(const AppDelegate&) = delete;
 
   // Opens one URL in the browser that policy chooses, retrying a failed open
-  // once in the work browser. Returns without waiting for the browser.
-  void launchBrowser(const Url& url);
+  // once in the work browser. Returns without waiting for the browser. A URL
+  // that came through a loop of dispatchers goes to the work browser
+  // unrouted, or fails at once when the work browser is what loops.
+  void launchBrowser(const Url& url, DeliveryOrigin origin = DeliveryOrigin::kDirect);
   bool isWorkUrl(const Url& url);
   void readLocalStatePrefs();
   std::string convertUrlArrayToString(const std::vector<Url>& urls);
   // One delivery of URLs (application:openURLs:).
-  void applicationOpenURLs(const std::vector<Url>& urls);
+  void applicationOpenURLs(const std::vector<Url>& urls,
+                           DeliveryOrigin origin = DeliveryOrigin::kDirect);
   // Waits 2 s, then until no launch is outstanding, then terminates. Blocks;
   // never called on the main thread.
   void terminateDispatcher();

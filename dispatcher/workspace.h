@@ -46,9 +46,11 @@ class Workspace {
   // when it is not installed.
   virtual std::optional<Url> WorkBrowserLocation() = 0;
 
-  // The file-system path of an application location URL; nullopt when the
-  // URL names no local path.
-  virtual std::optional<std::string> PathOfLocation(const Url& location) = 0;
+  // Whether opening a URL in the application at `location` would start this
+  // dispatcher again: its own program, an entry or bundle of it, or a wrapper
+  // that recognisably runs it. A loop of dispatchers would never reach a
+  // browser.
+  virtual bool StartsThisDispatcher(const Url& location) = 0;
 
   // Opens exactly one URL in the application at `application` (nullopt: the
   // work browser was not found, which the completion reports as a failure).

@@ -35,11 +35,12 @@ bool PathIsReadable(const FilePath& path) {
   return !path.empty() && access(path.value().c_str(), R_OK) == 0;
 }
 
-bool ReadFileToString(const FilePath& path, std::string* contents) {
-  int fd = open(path.value().c_str(), O_RDONLY | O_CLOEXEC);
+bool ReadFileToString(const FilePath& path, std::string* contents, size_t max_size) {
+  int fd = open(path.value().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat st;
-  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) ||
+      (st.st_size > 0 && static_cast<uint64_t>(st.st_size) > max_size)) {
     close(fd);
     return false;
   }
@@ -48,8 +49,9 @@ bool ReadFileToString(const FilePath& path, std::string* contents) {
   char buffer[65536];
   for (;;) {
     ssize_t got = read(fd, buffer, sizeof(buffer));
-    if (got < 0) {
-      if (errno == EINTR) continue;
+    if (got < 0 && errno == EINTR) continue;
+    // A device may never end: the bound stops it too.
+    if (got < 0 || static_cast<size_t>(got) > max_size - data.size()) {
       close(fd);
       return false;
     }

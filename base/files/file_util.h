@@ -2,6 +2,7 @@
 #ifndef BASE_FILES_FILE_UTIL_H_
 #define BASE_FILES_FILE_UTIL_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -37,9 +38,11 @@ bool DoDeleteFile(const FilePath& path);
 // Whether the current user may read the path (access with R_OK).
 bool PathIsReadable(const FilePath& path);
 
-// Reads a whole regular file. False when it cannot be opened or read (a
-// directory, for one).
-bool ReadFileToString(const FilePath& path, std::string* contents);
+// Reads a whole file of at most `max_size` bytes. False when it cannot be
+// opened or read (a directory, for one) or holds more. Never waits for a
+// writer: a FIFO without one reads as empty.
+bool ReadFileToString(const FilePath& path, std::string* contents,
+                      size_t max_size = static_cast<size_t>(-1));
 
 namespace internal {
 // The platform's part of GetFileInformation: the three times of the file

@@ -11,6 +11,9 @@
 
 #include <utility>
 
+#include "dispatcher/url.h"
+#include "platform/linux/loop_guard.h"
+
 namespace dispatcher::linux_shell {
 
 namespace {
@@ -181,6 +184,7 @@ LaunchEnvironment CaptureLaunchEnvironment() {
   environment.xdg_activation_token = GetEnvironmentVariable("XDG_ACTIVATION_TOKEN");
   environment.desktop_startup_id = GetEnvironmentVariable("DESKTOP_STARTUP_ID");
   environment.original_gio_use_vfs = GetEnvironmentVariable("GIO_USE_VFS");
+  environment.launch_marker = GetEnvironmentVariable(kLaunchMarkerVariable);
   return environment;
 }
 
@@ -194,6 +198,11 @@ void LinuxWorkspace::SetActivationTokens(std::optional<std::string> xdg_activati
   std::lock_guard<std::mutex> lock(mutex_);
   environment_.xdg_activation_token = std::move(xdg_activation_token);
   environment_.desktop_startup_id = std::move(desktop_startup_id);
+}
+
+void LinuxWorkspace::SetDeliveryLoopDepth(int depth) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  delivery_loop_depth_ = depth;
 }
 
 bool LinuxWorkspace::CanOpenUrls() { return true; }
@@ -212,25 +221,23 @@ std::optional<Url> LinuxWorkspace::WorkBrowserLocation() {
   return location;
 }
 
-// A file URL names the local path its path component spells, with query and
-// fragment left off, as a URL's path never includes them. A reference
-// without a scheme that starts with "/" (which the policy reader accepts as
-// well formed) is read as if written with "file:" in front, so
-// "/usr/bin/browser" is that path and "//host/x" needs host to be local.
-std::optional<std::string> LinuxWorkspace::PathOfLocation(const Url& location) {
-  std::string uri = location.spec;
-  if (!uri.empty() && uri[0] == '/') uri = "file:" + uri;
-  size_t end_of_path = uri.find_first_of("?#");
-  if (end_of_path != std::string::npos) uri.resize(end_of_path);
-
-  gchar* hostname = nullptr;
-  gchar* filename = g_filename_from_uri(uri.c_str(), &hostname, nullptr);
-  std::optional<std::string> path;
-  bool local_host = !hostname || hostname[0] == '\0' || g_ascii_strcasecmp(hostname, "localhost") == 0;
-  if (filename && local_host) path = std::string(filename);
-  g_free(filename);
-  g_free(hostname);
+std::optional<std::string> LinuxWorkspace::StartablePath(const Url& location) {
+  UrlParts parts = SplitUrl(location.spec);
+  if (parts.scheme && g_ascii_strcasecmp(std::string(*parts.scheme).c_str(), "file") != 0) {
+    return std::nullopt;
+  }
+  if (parts.authority && !parts.authority->empty() &&
+      g_ascii_strcasecmp(std::string(*parts.authority).c_str(), "localhost") != 0) {
+    return std::nullopt;
+  }
+  std::optional<std::string> path = UrlPath(location.spec);
+  if (!path || !path->starts_with('/')) return std::nullopt;
   return path;
+}
+
+bool LinuxWorkspace::StartsThisDispatcher(const Url& location) {
+  std::optional<std::string> path = StartablePath(location);
+  return path && PathStartsThisDispatcher(*path);
 }
 
 std::vector<std::pair<std::string, std::optional<std::string>>>
@@ -246,14 +253,16 @@ LinuxWorkspace::BrowserEnvironmentChanges() {
       // Tokens are single-use: pass this delivery's, never a stale one.
       {"XDG_ACTIVATION_TOKEN", environment_.xdg_activation_token},
       {"DESKTOP_STARTUP_ID", environment_.desktop_startup_id},
+      // Lets a dispatcher that this launch starts after all see the loop.
+      {kLaunchMarkerVariable, LaunchMarkerNow(delivery_loop_depth_)},
   };
 }
 
 void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application,
                              Completion completion) {
   std::optional<std::string> path;
-  if (application) path = PathOfLocation(*application);
-  if (!path || path->empty()) {
+  if (application) path = StartablePath(*application);
+  if (!path) {
     CompleteLater(std::move(completion), false);
     return;
   }

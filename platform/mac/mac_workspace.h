@@ -9,6 +9,8 @@
 namespace dispatcher::mac_shell {
 
 inline constexpr char kWorkBrowserBundleIdentifier[] = "com.velora.velorabrowser";
+// Our own bundle's identifier: a bundle that bears it is a copy of us.
+inline constexpr char kDispatcherBundleIdentifier[] = "com.halvard.corvane.dispatcher";
 
 // A core URL that carries `url` itself, so the workspace gets the very object
 // back.
@@ -18,7 +20,7 @@ class MacWorkspace : public Workspace {
  public:
   bool CanOpenUrls() override;
   std::optional<Url> WorkBrowserLocation() override;
-  std::optional<std::string> PathOfLocation(const Url& location) override;
+  bool StartsThisDispatcher(const Url& location) override;
   void OpenUrl(const Url& url, const std::optional<Url>& application,
                Completion completion) override;
 };

@@ -31,6 +31,18 @@ void ReportFailureLater(Workspace::Completion completion) {
   });
 }
 
+// The same file system object, whatever path (links, case) leads to it.
+bool SameFile(NSURL* a, NSURL* b) {
+  if (!a || !b) return false;
+  id a_identifier = nil;
+  id b_identifier = nil;
+  if (![a getResourceValue:&a_identifier forKey:NSURLFileResourceIdentifierKey error:nil] ||
+      ![b getResourceValue:&b_identifier forKey:NSURLFileResourceIdentifierKey error:nil]) {
+    return false;
+  }
+  return a_identifier && b_identifier && [a_identifier isEqual:b_identifier];
+}
+
 }  // namespace
 
 Url UrlFromNSURL(NSURL* url) {
@@ -58,16 +70,25 @@ std::optional<Url> MacWorkspace::WorkBrowserLocation() {
   }
 }
 
-std::optional<std::string> MacWorkspace::PathOfLocation(const Url& location) {
+bool MacWorkspace::StartsThisDispatcher(const Url& location) {
   @autoreleasepool {
-    NSString* path = [[NSURLFromUrl(location) absoluteURL] path];
-    char buffer[PATH_MAX];
-    // The checked form: fileSystemRepresentation raises for a path it
-    // cannot convert, and this program is built without exceptions.
-    if (!path || ![path getFileSystemRepresentation:buffer maxLength:sizeof(buffer)]) {
-      return std::nullopt;
+    NSURL* url = [NSURLFromUrl(location) absoluteURL];
+    // Only a file location can be opened as an application at all.
+    if (!url || ![url isFileURL]) return false;
+    NSURL* resolved = [url URLByResolvingSymlinksInPath];
+    NSBundle* main_bundle = [NSBundle mainBundle];
+    // Our executable, or our bundle (unbundled, the main bundle is merely
+    // the executable's folder).
+    if (SameFile(resolved, [[main_bundle executableURL] URLByResolvingSymlinksInPath]) ||
+        ([main_bundle bundleIdentifier] &&
+         SameFile(resolved, [[main_bundle bundleURL] URLByResolvingSymlinksInPath]))) {
+      return true;
     }
-    return std::string(buffer);
+    // Another copy of us: a bundle with our identifier.
+    NSBundle* bundle = [NSBundle bundleWithURL:resolved];
+    NSString* identifier = [bundle bundleIdentifier];
+    return identifier &&
+           [identifier caseInsensitiveCompare:@(kDispatcherBundleIdentifier)] == NSOrderedSame;
   }
 }
 

@@ -41,9 +41,7 @@ class ScriptedWorkspace : public Workspace {
 
   bool CanOpenUrls() override { return can_open; }
   std::optional<Url> WorkBrowserLocation() override { ++lookups; return kWorkBrowser; }
-  std::optional<std::string> PathOfLocation(const Url& location) override {
-    return location.spec.rfind("file://", 0) == 0 ? std::optional(location.spec.substr(7)) : std::nullopt;
-  }
+  bool StartsThisDispatcher(const Url&) override { return false; }
   void OpenUrl(const Url&, const std::optional<Url>& application, Completion done) override {
     std::lock_guard<std::mutex> lock(mutex_);
     std::optional<std::string> name;
