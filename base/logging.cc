@@ -252,12 +252,19 @@ void WriteAll(int fd, const std::string& line) {
 }
 
 // A standard error that is a closed pipe must not end the process: the
-// write fails with EPIPE instead, and the SIGPIPE it raised is consumed.
+// write fails with EPIPE instead. Linux raises SIGPIPE on the writing thread,
+// where it is blocked around the write and then consumed. macOS raises it for
+// the whole process, where any other thread could take it, so there the
+// descriptor is told not to raise it at all. Only a pipe or a socket raises
+// it.
 void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
   if (!may_raise_sigpipe) {
     WriteAll(STDERR_FILENO, line);
     return;
   }
+#if defined(F_SETNOSIGPIPE)
+  fcntl(STDERR_FILENO, F_SETNOSIGPIPE, 1);
+#endif
   sigset_t pipe_signal, previous_mask, pending;
   sigemptyset(&pipe_signal);
   sigaddset(&pipe_signal, SIGPIPE);
@@ -279,10 +286,12 @@ void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
     left -= static_cast<size_t>(written);
   }
 
-  if (broken_pipe && !was_pending) {
-    struct timespec no_wait = {0, 0};
-    while (sigtimedwait(&pipe_signal, nullptr, &no_wait) < 0 && errno == EINTR) {
-    }
+  // Only a signal that this write raised is taken, and only once it is
+  // pending, so that sigwait returns at once.
+  if (broken_pipe && !was_pending && sigpending(&pending) == 0 &&
+      sigismember(&pending, SIGPIPE) == 1) {
+    int taken;
+    sigwait(&pipe_signal, &taken);
   }
   pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }

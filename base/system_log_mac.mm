@@ -39,12 +39,11 @@ std::string MainBundleIdentifier() {
 
 void WriteToSystemLog(int severity, const std::string& line) {
   std::string identifier = MainBundleIdentifier();
-  // A log object per line, as the unified log expects callers to keep none
-  // across configuration changes.
+  // A new log object per line, none cached. Built with ARC, which releases
+  // it at the end of this scope.
   os_log_t log = identifier.empty() ? OS_LOG_DEFAULT : os_log_create(identifier.c_str(), "base_logging");
   os_log_type_t type = TypeFor(severity);
   if (os_log_type_enabled(log, type)) os_log_with_type(log, type, "%{public}s", line.c_str());
-  if (!identifier.empty()) os_release(log);
 }
 
 }  // namespace logging::internal

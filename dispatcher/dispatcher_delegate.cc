@@ -9,6 +9,7 @@
 #include "base/files/file_util.h"
 #include "dispatcher/classifier.h"
 #include "dispatcher/local_state.h"
+#include "dispatcher/url.h"
 
 namespace dispatcher {
 
@@ -18,59 +19,86 @@ namespace {
 // application the next attempt uses, shared by the call and its first
 // completion.
 struct Launch {
-  std::string url;
-  std::optional<std::string> work_browser;
+  Url url;
+  std::optional<Url> work_browser;
+  // Opening in this work browser would only start another dispatcher.
+  bool work_browser_is_dispatcher = false;
   std::mutex target_lock;  // the first completion may run on another thread
-  std::optional<std::string> target_application;
+  std::optional<Url> target_application;
 };
+
+// Hands one attempt to the workspace. An attempt in a work browser that is
+// this dispatcher fails at once instead: it is never retried into itself.
+void Attempt(Workspace& workspace, const Launch& launch, const std::optional<Url>& target,
+             bool in_work_browser, Workspace::Completion completion) {
+  if (in_work_browser && launch.work_browser_is_dispatcher) {
+    completion(false);
+    return;
+  }
+  workspace.OpenUrl(launch.url, target, std::move(completion));
+}
 
 }  // namespace
 
 AppDelegate::AppDelegate(Workspace& workspace, ApplicationShell& application)
     : workspace_(workspace), application_(application) {}
 
-void AppDelegate::launchBrowser(const std::string& url) {
+void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin) {
   if (!workspace_.CanOpenUrls()) {
     LOG(ERROR) << "Current macOS version is older than the minimum supported version (macOS 10.15)!";
     return;
   }
 
-  const bool is_work = isWorkUrl(url);
+  const bool is_work = origin == DeliveryOrigin::kDirect && isWorkUrl(url);
 
   auto launch = std::make_shared<Launch>();
   launch->url = url;
   launch->work_browser = workspace_.WorkBrowserLocation();
+  launch->work_browser_is_dispatcher =
+      origin == DeliveryOrigin::kLoopWorkBrowserLaunch ||
+      (launch->work_browser && workspace_.StartsThisDispatcher(*launch->work_browser));
   launch->target_application = launch->work_browser;
+  bool in_work_browser = true;
 
-  if (is_work) {
+  if (origin == DeliveryOrigin::kDispatcherLaunch) {
+    LOG(ERROR) << "Started by a dispatcher's browser launch moments ago: not routing again, "
+                  "opening url in work browser.";
+  } else if (origin == DeliveryOrigin::kLoopWorkBrowserLaunch) {
+    LOG(ERROR) << "Started by a dispatcher's work browser launch for a loop: the work browser "
+                  "runs the dispatcher as well.";
+  } else if (is_work) {
     LOG(INFO) << "It is a hosted app url. Launching url in work browser.";
   } else if (!nonWorkBrowserPath()) {
     LOG(ERROR) << "No browser set for non-work URLs. Opening in work browser.";
   } else {
-    std::optional<std::string> path = workspace_.PathOfLocation(*nonWorkBrowserPath());
-    if (path && base::PathExists(base::FilePath(*path))) {
-      launch->target_application = nonWorkBrowserPath();
-      LOG(INFO) << "Selected non-work browser found, will launch url in non-work browser.";
-    } else {
+    std::optional<std::string> path = UrlPath(nonWorkBrowserPath()->spec);
+    if (!path || !base::PathExists(base::FilePath(*path))) {
       LOG(ERROR) << "Selected non-work browser not found, will open url in work browser.";
+    } else if (workspace_.StartsThisDispatcher(*nonWorkBrowserPath())) {
+      LOG(ERROR) << "Selected non-work browser is the dispatcher itself and would start it again.";
+      LOG(ERROR) << "Selected non-work browser not found, will open url in work browser.";
+    } else {
+      launch->target_application = nonWorkBrowserPath();
+      in_work_browser = false;
+      LOG(INFO) << "Selected non-work browser found, will launch url in non-work browser.";
     }
   }
 
-  std::optional<std::string> first_target;
+  std::optional<Url> first_target;
   {
     std::lock_guard<std::mutex> lock(launch->target_lock);
     first_target = launch->target_application;
   }
-  workspace_.OpenUrl(url, first_target, [this, launch](bool succeeded) {
+  Attempt(workspace_, *launch, first_target, in_work_browser, [this, launch](bool succeeded) {
     if (!succeeded) {
       LOG(ERROR) << "Failed to launch URL, will try to launch URL again in work browser.";
-      std::optional<std::string> retry_target;
+      std::optional<Url> retry_target;
       {
         std::lock_guard<std::mutex> lock(launch->target_lock);
         launch->target_application = launch->work_browser;
         retry_target = launch->target_application;
       }
-      workspace_.OpenUrl(launch->url, retry_target, [this](bool retry_succeeded) {
+      Attempt(workspace_, *launch, retry_target, true, [this](bool retry_succeeded) {
         lowerLaunchCounter();
         if (!retry_succeeded) LOG(ERROR) << "Failed to launch URL in work browser as well.";
       });
@@ -81,8 +109,8 @@ void AppDelegate::launchBrowser(const std::string& url) {
   });
 }
 
-bool AppDelegate::isWorkUrl(const std::string& url) {
-  return classifier_.Classify(url, InvalidPatternHandling::kAbort).is_work;
+bool AppDelegate::isWorkUrl(const Url& url) {
+  return classifier_.Classify(url.spec, InvalidPatternHandling::kAbort).is_work;
 }
 
 void AppDelegate::readLocalStatePrefs() {
@@ -91,27 +119,26 @@ void AppDelegate::readLocalStatePrefs() {
   setNonWorkBrowserPath(std::move(policy.non_work_browser_url));
 }
 
-std::string AppDelegate::convertUrlArrayToString(const std::vector<std::string>& urls) {
+std::string AppDelegate::convertUrlArrayToString(const std::vector<Url>& urls) {
   std::string text = "[ ";
   for (size_t i = 0; i < urls.size(); ++i) {
-    text += urls[i];
+    text += urls[i].spec;
     if (static_cast<int32_t>(i) + 1 < static_cast<int32_t>(urls.size())) text += ", ";
   }
   text += " ]";
   return text;
 }
 
-void AppDelegate::applicationOpenURLs(const std::vector<std::string>& urls) {
+void AppDelegate::applicationOpenURLs(const std::vector<Url>& urls, DeliveryOrigin origin) {
   LOG(INFO) << "Corvane Dispatcher received urls - " << convertUrlArrayToString(urls);
-  for (const std::string& url : urls) {
+  for (const Url& url : urls) {
     // Raised before the launch so that no completion can see it at zero.
     raiseLaunchCounter();
-    launchBrowser(url);
+    launchBrowser(url, origin);
   }
   if (isDispatcherTerminating()) return;
   setIsDispatcherTerminating(true);
-  // The stand-in for the system's default-priority global queue: one worker.
-  std::thread([this] { terminateDispatcher(); }).detach();
+  application_.RunInBackground([this] { terminateDispatcher(); });
 }
 
 void AppDelegate::terminateDispatcher() {
@@ -142,10 +169,8 @@ void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) {
   classifier_ = UrlClassifier(std::move(rules));
 }
 
-const std::optional<std::string>& AppDelegate::nonWorkBrowserPath() const {
-  return non_work_browser_path_;
-}
-void AppDelegate::setNonWorkBrowserPath(std::optional<std::string> location) {
+const std::optional<Url>& AppDelegate::nonWorkBrowserPath() const { return non_work_browser_path_; }
+void AppDelegate::setNonWorkBrowserPath(std::optional<Url> location) {
   non_work_browser_path_ = std::move(location);
 }
 

@@ -15,6 +15,16 @@
 
 namespace dispatcher {
 
+// How a delivery reached us. A dispatcher that a dispatcher's own browser
+// launch started is part of a loop of dispatchers: a non-work browser that
+// runs the dispatcher, one way or another. If the work browser launch made
+// for such a delivery starts a dispatcher again, the work browser runs it too.
+enum class DeliveryOrigin {
+  kDirect,
+  kDispatcherLaunch,          // every URL goes to the work browser unrouted
+  kLoopWorkBrowserLaunch,     // and from there no launch can end the loop
+};
+
 class AppDelegate {
  public:
   AppDelegate(Workspace& workspace, ApplicationShell& application);
@@ -22,13 +32,16 @@ class AppDelegate {
   AppDelegate& operator=(const AppDelegate&) = delete;
 
   // Opens one URL in the browser that policy chooses, retrying a failed open
-  // once in the work browser. Returns without waiting for the browser.
-  void launchBrowser(const std::string& url);
-  bool isWorkUrl(const std::string& url);
+  // once in the work browser. Returns without waiting for the browser. A URL
+  // that came through a loop of dispatchers goes to the work browser
+  // unrouted, or fails at once when the work browser is what loops.
+  void launchBrowser(const Url& url, DeliveryOrigin origin = DeliveryOrigin::kDirect);
+  bool isWorkUrl(const Url& url);
   void readLocalStatePrefs();
-  std::string convertUrlArrayToString(const std::vector<std::string>& urls);
+  std::string convertUrlArrayToString(const std::vector<Url>& urls);
   // One delivery of URLs (application:openURLs:).
-  void applicationOpenURLs(const std::vector<std::string>& urls);
+  void applicationOpenURLs(const std::vector<Url>& urls,
+                           DeliveryOrigin origin = DeliveryOrigin::kDirect);
   // Waits 2 s, then until no launch is outstanding, then terminates. Blocks;
   // never called on the main thread.
   void terminateDispatcher();
@@ -45,8 +58,8 @@ class AppDelegate {
   const std::optional<PolicyRules>& policyUrls() const;
   void setPolicyUrls(std::optional<PolicyRules> rules);
 
-  const std::optional<std::string>& nonWorkBrowserPath() const;
-  void setNonWorkBrowserPath(std::optional<std::string> location);
+  const std::optional<Url>& nonWorkBrowserPath() const;
+  void setNonWorkBrowserPath(std::optional<Url> location);
 
   bool isDispatcherTerminating() const;
   void setIsDispatcherTerminating(bool terminating);
@@ -58,7 +71,7 @@ class AppDelegate {
   std::atomic<int32_t> launch_counter_{0};
   // Owns policyUrls and keeps its patterns prepared between URLs.
   UrlClassifier classifier_{std::nullopt};
-  std::optional<std::string> non_work_browser_path_;
+  std::optional<Url> non_work_browser_path_;
   std::atomic<bool> is_dispatcher_terminating_{false};
 };
 

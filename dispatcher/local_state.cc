@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +18,8 @@ namespace {
 
 using simdjson::dom::element;
 using simdjson::dom::element_type;
+
+constexpr std::string_view kUtf8ByteOrderMark = "\xEF\xBB\xBF";
 
 // The value of `key` in `object` when it is of the wanted type. A key that
 // appears more than once takes its last value, as a dictionary filled in
@@ -61,6 +64,65 @@ PolicyRule ReadRule(const element& value) {
   return rule;
 }
 
+// Whether the whole token is one JSON number.
+bool IsJsonNumber(std::string_view token) {
+  size_t i = 0;
+  auto digits = [&] {
+    size_t start = i;
+    while (i < token.size() && token[i] >= '0' && token[i] <= '9') ++i;
+    return i > start;
+  };
+  if (i < token.size() && token[i] == '-') ++i;
+  if (i < token.size() && token[i] == '0') {
+    ++i;
+  } else if (i >= token.size() || token[i] < '1' || token[i] > '9' || !digits()) {
+    return false;
+  }
+  if (i < token.size() && token[i] == '.' && (++i, !digits())) return false;
+  if (i < token.size() && (token[i] == 'e' || token[i] == 'E')) {
+    ++i;
+    if (i < token.size() && (token[i] == '+' || token[i] == '-')) ++i;
+    if (!digits()) return false;
+  }
+  return i == token.size();
+}
+
+// Valid numbers that the parser cannot hold (integers beyond 64 bits,
+// magnitudes beyond a double's range) fail the parse, where the platform's
+// reader accepts them. The dispatcher reads no number, only whether a value
+// is one, so every number outside strings becomes "0" padded with blanks to
+// its length. That changes no token boundary; malformed numbers stay as they
+// are and fail the parse again.
+void NeutraliseNumbers(char* data, size_t size) {
+  bool in_string = false;
+  for (size_t i = 0; i < size;) {
+    char c = data[i];
+    if (in_string) {
+      if (c == '\\') {
+        i += 2;
+        continue;
+      }
+      in_string = c != '"';
+      ++i;
+    } else if (c == '"') {
+      in_string = true;
+      ++i;
+    } else if (c == '-' || (c >= '0' && c <= '9')) {
+      size_t end = i;
+      while (end < size && std::string_view("0123456789+-.eE").find(data[end]) != std::string_view::npos) {
+        ++end;
+      }
+      if (IsJsonNumber(std::string_view(data + i, end - i))) {
+        data[i] = '0';
+        std::fill(data + i + 1, data + end, ' ');
+      }
+      i = end;
+    } else {
+      ++i;
+    }
+  }
+}
+
 PolicyRules ReadRules(const element& browser_urls) {
   PolicyRules rules;
   simdjson::dom::array list;
@@ -91,17 +153,25 @@ LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path) {
   LOG(INFO) << "Local State is readable.";
 
   std::string data;
-  if (!base::ReadFileToString(path, &data)) {
+  if (!base::ReadFileToString(path, &data, kMaxLocalStateBytes)) {
     LOG(ERROR) << "Failed to read Local State data.";
     result.status = LocalStateStatus::kReadFailed;
     return result;
   }
   LOG(INFO) << "Read local state data.";
 
-  // The parser copies the data once into its own padded buffer.
+  // The parser reads a little beyond the end: pad the buffer itself rather
+  // than have the parser copy a large file.
+  data.reserve(data.size() + simdjson::SIMDJSON_PADDING);
+  // A UTF-8 byte order mark is skipped, as the platform's reader does.
+  size_t start = data.starts_with(kUtf8ByteOrderMark) ? kUtf8ByteOrderMark.size() : 0;
   simdjson::dom::parser parser;
   element root;
-  simdjson::error_code code = parser.parse(data.data(), data.size(), true).get(root);
+  simdjson::error_code code = parser.parse(data.data() + start, data.size() - start, false).get(root);
+  if (code == simdjson::NUMBER_ERROR || code == simdjson::NUMBER_OUT_OF_RANGE) {
+    NeutraliseNumbers(data.data() + start, data.size() - start);
+    code = parser.parse(data.data() + start, data.size() - start, false).get(root);
+  }
   if (code != simdjson::SUCCESS) {
     LOG(ERROR) << "Failed to parse Local State data. Error : " << simdjson::error_message(code);
     result.status = LocalStateStatus::kParseFailed;

@@ -2,6 +2,7 @@
 #ifndef DISPATCHER_LOCAL_STATE_H_
 #define DISPATCHER_LOCAL_STATE_H_
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -31,8 +32,19 @@ struct LocalStatePolicy {
 // empty path when the directory cannot be found.
 base::FilePath LocalStatePath();
 
+// A larger Local State is not read ("Failed to read Local State data."):
+// parsing takes up to about 13 times a document's size in memory, and real
+// ones are well under a megabyte.
+inline constexpr size_t kMaxLocalStateBytes = 128u << 20;
+
 // Reads, parses and logs every step ("Local State Path ..." onwards) exactly
-// as the dispatcher does at launch.
+// as the dispatcher does at launch. The file must be one JSON document in
+// UTF-8 whose top level is an object or an array, as the platform's reader
+// takes it: a UTF-8 byte order mark is skipped, numbers of any size are
+// taken (only whether a value is a number counts), and a key that appears
+// more than once takes its last value. The whole document is validated, so
+// invalid UTF-8 anywhere (which the platform's reader refuses too), nesting
+// deeper than 1024 levels or any syntax error fails the parse.
 LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path);
 
 }  // namespace dispatcher

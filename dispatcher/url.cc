@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "dispatcher/unicode.h"
+
 namespace dispatcher {
 
 namespace {
@@ -152,6 +154,42 @@ std::optional<std::string> UrlWithoutSchemeAndPort(std::string_view url) {
   }
   if (result.empty()) return std::nullopt;
   return result;
+}
+
+std::optional<std::string> UrlPath(std::string_view url) {
+  UrlParts parts = SplitUrl(url);
+  if (parts.scheme && !parts.authority && (parts.path.empty() || parts.path[0] != '/')) {
+    return std::nullopt;
+  }
+  auto hex_value = [](char c) {
+    return IsAsciiDigit(c) ? c - '0' : (c | 0x20) - 'a' + 10;
+  };
+  std::string path;
+  path.reserve(parts.path.size());
+  for (size_t i = 0; i < parts.path.size(); ++i) {
+    char c = parts.path[i];
+    if (c == '%') {
+      if (i + 2 >= parts.path.size() || !IsHexDigit(parts.path[i + 1]) ||
+          !IsHexDigit(parts.path[i + 2])) {
+        return std::nullopt;
+      }
+      c = static_cast<char>(hex_value(parts.path[i + 1]) * 16 + hex_value(parts.path[i + 2]));
+      i += 2;
+    }
+    if (c == '\0') return std::nullopt;
+    path += c;
+  }
+  for (size_t i = 0; i < path.size();) {
+    if (static_cast<unsigned char>(path[i]) < 0x80) {
+      ++i;
+      continue;
+    }
+    size_t length = Utf8SequenceLength(path, i);
+    if (length == 0) return std::nullopt;
+    i += length;
+  }
+  if (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
 }
 
 bool HasUrlScheme(std::string_view url) {

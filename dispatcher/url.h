@@ -37,6 +37,17 @@ bool IsWellFormedUrl(std::string_view url);
 // nothing is left (a URL that is only a scheme and a colon).
 std::optional<std::string> UrlWithoutSchemeAndPort(std::string_view url);
 
+// The file-system path a location URL spells, as the platform's URL class
+// gives the path of its absolute form, whatever the scheme and host: the path
+// component with its percent escapes decoded, without query and fragment, and
+// without a trailing "/" unless the path is "/" alone. A reference without a
+// scheme is its own absolute form, so "/usr/bin/b" gives "/usr/bin/b" and
+// "a/b" gives "a/b" (relative to the working directory). A URL without a path
+// gives "". nullopt when there is no path to give: an opaque URL (a scheme
+// followed by anything but "/", as in "mailto:x"), a "%" without two hex
+// digits, or escapes that decode to invalid UTF-8 or a NUL byte.
+std::optional<std::string> UrlPath(std::string_view url);
+
 }  // namespace dispatcher
 
 #endif  // DISPATCHER_URL_H_

@@ -4,10 +4,30 @@
 #define DISPATCHER_WORKSPACE_H_
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace dispatcher {
+
+// A URL as it travels through the core: its text, which every decision and
+// log line reads, and the platform's own URL object where the platform
+// delivered one. That object goes back to the platform untouched, so no
+// conversion to text and back can change or drop a URL. On Linux the text is
+// the URL and there is no object.
+struct Url {
+  Url() = default;
+  // Implicit: plain text is a complete URL on a platform without objects.
+  Url(std::string text) : spec(std::move(text)) {}  // NOLINT(google-explicit-constructor)
+  Url(const char* text) : spec(text) {}              // NOLINT(google-explicit-constructor)
+  Url(std::string text, std::shared_ptr<const void> object)
+      : spec(std::move(text)), platform_object(std::move(object)) {}
+
+  std::string spec;
+  std::shared_ptr<const void> platform_object;
+};
 
 // Opens URLs in applications. Applications are named by a URL of their
 // location (a file URL), the work browser's found by its identifier.
@@ -24,16 +44,18 @@ class Workspace {
 
   // The work browser's location, looked up afresh on every call; nullopt
   // when it is not installed.
-  virtual std::optional<std::string> WorkBrowserLocation() = 0;
+  virtual std::optional<Url> WorkBrowserLocation() = 0;
 
-  // The file-system path of an application location URL; nullopt when the
-  // URL names no local path.
-  virtual std::optional<std::string> PathOfLocation(const std::string& location) = 0;
+  // Whether opening a URL in the application at `location` would start this
+  // dispatcher again: its own program, an entry or bundle of it, or a wrapper
+  // that recognisably runs it. A loop of dispatchers would never reach a
+  // browser.
+  virtual bool StartsThisDispatcher(const Url& location) = 0;
 
   // Opens exactly one URL in the application at `application` (nullopt: the
   // work browser was not found, which the completion reports as a failure).
   // Returns at once; may be called on any thread.
-  virtual void OpenUrl(const std::string& url, const std::optional<std::string>& application,
+  virtual void OpenUrl(const Url& url, const std::optional<Url>& application,
                        Completion completion) = 0;
 };
 
@@ -44,6 +66,10 @@ class ApplicationShell {
   // Asks the framework to end the application; it then calls
   // applicationWillTerminate. May be called from any thread.
   virtual void Terminate() = 0;
+
+  // Runs `task` once on a worker of the system's default-priority background
+  // pool and returns at once; the task may block its worker for seconds.
+  virtual void RunInBackground(std::function<void()> task) { std::thread(std::move(task)).detach(); }
 };
 
 }  // namespace dispatcher

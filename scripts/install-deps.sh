@@ -6,9 +6,12 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjson-dev
           libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon
           clang libc++-14-dev libc++abi-14-dev)
-if [[ "${1:-}" == "--fuzz" ]]; then
-  packages+=(clang libclang-rt-14-dev)
-fi
+case "${1:-}" in
+  --fuzz) packages+=(clang libclang-rt-14-dev) ;;
+  # The Debian package, its checks and the real-browser test (scripts/package.sh).
+  --desktop) packages+=(dpkg-dev file lintian man-db desktop-file-utils xdg-utils libglib2.0-bin
+                        chromium firefox-esr xvfb xauth) ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -5,40 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace base {
-
-namespace {
-
-TimePoint FromTimespec(const struct timespec& ts) { return TimePoint::FromPosix(ts.tv_sec, ts.tv_nsec); }
-
-#if defined(__APPLE__)
-TimePoint BirthTime(const char* path, const struct stat& st) {
-  (void)path;
-  return FromTimespec(st.st_birthtimespec);
-}
-#else
-TimePoint BirthTime(const char* path, const struct stat& st) {
-  struct statx stx;
-  if (statx(AT_FDCWD, path, 0, STATX_BTIME, &stx) == 0 && (stx.stx_mask & STATX_BTIME)) {
-    return TimePoint::FromPosix(stx.stx_btime.tv_sec, stx.stx_btime.tv_nsec);
-  }
-  // No birth time recorded: the oldest time the file system does record.
-  return std::min({FromTimespec(st.st_mtim), FromTimespec(st.st_atim), FromTimespec(st.st_ctim)},
-                  [](TimePoint a, TimePoint b) { return a.ToInternalValue() < b.ToInternalValue(); });
-}
-#endif
-
-#if defined(__APPLE__)
-const struct timespec& ModifiedTime(const struct stat& st) { return st.st_mtimespec; }
-const struct timespec& AccessedTime(const struct stat& st) { return st.st_atimespec; }
-#else
-const struct timespec& ModifiedTime(const struct stat& st) { return st.st_mtim; }
-const struct timespec& AccessedTime(const struct stat& st) { return st.st_atim; }
-#endif
-
-}  // namespace
 
 bool PathExists(const FilePath& path) {
   return !path.empty() && access(path.value().c_str(), F_OK) == 0;
@@ -50,9 +17,7 @@ bool GetFileInformation(const FilePath& path, FileInformation* info) {
   info->size = st.st_size;
   info->is_directory = (st.st_mode & 0xF000) == 0x4000;
   info->is_symbolic_link = (st.st_mode & 0xF000) == 0xA000;
-  info->last_modified = FromTimespec(ModifiedTime(st));
-  info->last_accessed = FromTimespec(AccessedTime(st));
-  info->creation_time = BirthTime(path.value().c_str(), st);
+  internal::FillFileTimes(path.value().c_str(), st, info);
   return true;
 }
 
@@ -70,11 +35,12 @@ bool PathIsReadable(const FilePath& path) {
   return !path.empty() && access(path.value().c_str(), R_OK) == 0;
 }
 
-bool ReadFileToString(const FilePath& path, std::string* contents) {
-  int fd = open(path.value().c_str(), O_RDONLY | O_CLOEXEC);
+bool ReadFileToString(const FilePath& path, std::string* contents, size_t max_size) {
+  int fd = open(path.value().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat st;
-  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) ||
+      (st.st_size > 0 && static_cast<uint64_t>(st.st_size) > max_size)) {
     close(fd);
     return false;
   }
@@ -83,8 +49,9 @@ bool ReadFileToString(const FilePath& path, std::string* contents) {
   char buffer[65536];
   for (;;) {
     ssize_t got = read(fd, buffer, sizeof(buffer));
-    if (got < 0) {
-      if (errno == EINTR) continue;
+    if (got < 0 && errno == EINTR) continue;
+    // A device may never end: the bound stops it too.
+    if (got < 0 || static_cast<size_t>(got) > max_size - data.size()) {
       close(fd);
       return false;
     }

@@ -2,11 +2,14 @@
 #ifndef BASE_FILES_FILE_UTIL_H_
 #define BASE_FILES_FILE_UTIL_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "base/files/file_path.h"
 #include "base/files/time.h"
+
+struct stat;
 
 namespace base {
 
@@ -35,9 +38,17 @@ bool DoDeleteFile(const FilePath& path);
 // Whether the current user may read the path (access with R_OK).
 bool PathIsReadable(const FilePath& path);
 
-// Reads a whole regular file. False when it cannot be opened or read (a
-// directory, for one).
-bool ReadFileToString(const FilePath& path, std::string* contents);
+// Reads a whole file of at most `max_size` bytes. False when it cannot be
+// opened or read (a directory, for one) or holds more. Never waits for a
+// writer: a FIFO without one reads as empty.
+bool ReadFileToString(const FilePath& path, std::string* contents,
+                      size_t max_size = static_cast<size_t>(-1));
+
+namespace internal {
+// The platform's part of GetFileInformation: the three times of the file
+// that `st` describes, `path` being where it was read.
+void FillFileTimes(const char* path, const struct stat& st, FileInformation* info);
+}  // namespace internal
 
 }  // namespace base
 

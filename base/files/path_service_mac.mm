@@ -1,8 +1,14 @@
 #import <Foundation/Foundation.h>
 
+#include <sys/syslimits.h>
+
 #include <string>
 
 #include "base/files/path_service.h"
+
+#if !__has_feature(objc_arc)
+#error "Built with ARC: the objects here are released by it."
+#endif
 
 namespace base::internal {
 
@@ -17,7 +23,11 @@ bool PlatformAppDataDirectory(std::string* directory) {
       directory->clear();
       return true;
     }
-    *directory = [first fileSystemRepresentation];
+    // The checked form: fileSystemRepresentation raises an exception for a
+    // name it cannot convert, and this program is built without them.
+    char buffer[PATH_MAX];
+    if (![first getFileSystemRepresentation:buffer maxLength:sizeof(buffer)]) return false;
+    *directory = buffer;
     return true;
   }
 }

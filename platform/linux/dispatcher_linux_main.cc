@@ -11,6 +11,7 @@
 #include "dispatcher/dispatcher_main.h"
 #include "platform/linux/command_line_urls.h"
 #include "platform/linux/linux_workspace.h"
+#include "platform/linux/loop_guard.h"
 
 namespace {
 
@@ -41,6 +42,9 @@ struct Shell {
   std::optional<GApplicationShell> application_shell;
   std::optional<AppDelegate> delegate;
   dispatcher::linux_shell::LaunchEnvironment environment;
+  // This process meant to hand its delivery to the running dispatcher, which
+  // did not take it.
+  bool forwarding_failed = false;
 };
 
 gboolean QuitWhenNoLaunchIsOutstanding(gpointer data) {
@@ -61,8 +65,14 @@ gboolean BeginQuit(gpointer data) {
 
 void GApplicationShell::Terminate() { g_idle_add(BeginQuit, shell_); }
 
+// Runs in the dispatcher that handles deliveries, never in one that only
+// hands its delivery on: that one must leave the log alone.
 void OnStartup(GApplication* application, gpointer data) {
   auto* shell = static_cast<Shell*>(data);
+  dispatcher::InitializeDispatcherLogging();
+  if (shell->forwarding_failed) {
+    LOG(ERROR) << "The running dispatcher did not take this delivery; handling it in this process.";
+  }
   // Deliveries arrive one by one; the application runs until the delegate
   // asks it to end, not until the first delivery has been handled.
   g_application_hold(application);
@@ -91,8 +101,16 @@ int OnCommandLine(GApplication*, GApplicationCommandLine* command_line, gpointer
   shell->workspace->SetActivationTokens(
       DeliveryVariable(command_line, "XDG_ACTIVATION_TOKEN", shell->environment.xdg_activation_token),
       DeliveryVariable(command_line, "DESKTOP_STARTUP_ID", shell->environment.desktop_startup_id));
-  shell->delegate->applicationOpenURLs(
-      dispatcher::linux_shell::UrlsFromCommandLine(arguments, cwd ? cwd : "/"));
+  const int loop_depth = dispatcher::linux_shell::LaunchLoopDepth(DeliveryVariable(
+      command_line, dispatcher::linux_shell::kLaunchMarkerVariable, shell->environment.launch_marker));
+  shell->workspace->SetDeliveryLoopDepth(loop_depth);
+  const dispatcher::DeliveryOrigin origin =
+      loop_depth == 0   ? dispatcher::DeliveryOrigin::kDirect
+      : loop_depth == 1 ? dispatcher::DeliveryOrigin::kDispatcherLaunch
+                        : dispatcher::DeliveryOrigin::kLoopWorkBrowserLaunch;
+  std::vector<std::string> texts = dispatcher::linux_shell::UrlsFromCommandLine(arguments, cwd ? cwd : "/");
+  // The text is the whole URL here: no platform object goes with it.
+  shell->delegate->applicationOpenURLs(std::vector<dispatcher::Url>(texts.begin(), texts.end()), origin);
   return 0;
 }
 
@@ -118,15 +136,15 @@ int main(int argc, char** argv) {
   // locations and costs milliseconds per call.
   g_setenv("GIO_USE_VFS", "local", TRUE);
 
-  dispatcher::InitializeDispatcherLogging();
-
   shell.workspace.emplace(shell.environment);
   shell.application_shell.emplace(&shell);
   shell.delegate.emplace(*shell.workspace, *shell.application_shell);
 
   // With a session bus the first dispatcher takes the deliveries of later
-  // ones. A later one whose delivery meets the first one going away handles
-  // the delivery itself rather than lose it.
+  // ones, and only it starts up (log, banner, policy), in "startup", which
+  // registration emits in the first one alone. A later one whose delivery
+  // meets the first one going away handles the delivery itself rather than
+  // lose it, with the whole start-up.
   const auto unique = static_cast<GApplicationFlags>(G_APPLICATION_HANDLES_COMMAND_LINE |
                                                      G_APPLICATION_SEND_ENVIRONMENT);
   CreateApplication(&shell, unique);
@@ -134,7 +152,7 @@ int main(int argc, char** argv) {
   const bool forwarding = registered && g_application_get_is_remote(shell.application);
   int status = registered ? g_application_run(shell.application, argc, argv) : 1;
   if (!registered || (forwarding && status != 0)) {
-    LOG(ERROR) << "The running dispatcher did not take this delivery; handling it in this process.";
+    shell.forwarding_failed = true;
     g_object_unref(shell.application);
     CreateApplication(&shell, static_cast<GApplicationFlags>(unique | G_APPLICATION_NON_UNIQUE));
     status = g_application_run(shell.application, argc, argv);

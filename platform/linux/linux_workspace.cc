@@ -6,9 +6,13 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include <utility>
+
+#include "dispatcher/url.h"
+#include "platform/linux/loop_guard.h"
 
 namespace dispatcher::linux_shell {
 
@@ -46,14 +50,31 @@ void CompleteLater(Workspace::Completion completion, bool succeeded) {
                   new CompletionCall{std::move(completion), succeeded}, nullptr);
 }
 
+// Whether GIO starts the entry over the session bus (org.freedesktop.Application)
+// rather than through its Exec line: it does for a D-Bus-activatable entry
+// whose file name is a bus name, when there is a session bus.
+bool StartsOverSessionBus(GDesktopAppInfo* info) {
+  if (!g_desktop_app_info_get_boolean(info, "DBusActivatable")) return false;
+  const char* filename = g_desktop_app_info_get_filename(info);
+  if (!filename) return false;
+  std::string name = filename;
+  name = name.substr(name.rfind('/') + 1);
+  if (!EndsWith(name, kDesktopEntrySuffix)) return false;
+  name.resize(name.size() - strlen(kDesktopEntrySuffix));
+  if (!g_dbus_is_name(name.c_str()) || name[0] == ':') return false;
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  if (!bus) return false;
+  g_object_unref(bus);
+  return true;
+}
+
 // GIO's launch helper reports success as soon as it runs, even when the
 // entry's program has gone, so a vanished program must be caught here for
 // the retry to happen. The Exec line is parsed with shell quoting because
-// entries may quote a program path that contains blanks.
+// entries may quote a program path that contains blanks. Over the session
+// bus no program on disk is needed, and GIO reports a failed activation.
 bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
-  // Such entries start over the session bus, or through Exec when there is
-  // none; GIO decides, and the bus name needs no program on disk.
-  if (g_desktop_app_info_get_boolean(info, "DBusActivatable")) return true;
+  if (StartsOverSessionBus(info)) return true;
   gchar* exec = g_desktop_app_info_get_string(info, "Exec");
   if (!exec) return false;
   gint argc = 0;
@@ -68,6 +89,36 @@ bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
   g_free(exec);
   return runnable;
 }
+
+// A launch context that gives GIO the delivery's activation token. GIO asks
+// for it when the entry declares StartupNotify=true, and hands it on as
+// DESKTOP_STARTUP_ID to an entry it spawns or as "desktop-startup-id" in the
+// platform data of one it activates over the session bus, which no
+// environment variable of ours reaches.
+struct TokenLaunchContext {
+  GAppLaunchContext parent_instance;
+  gchar* token;
+};
+struct TokenLaunchContextClass {
+  GAppLaunchContextClass parent_class;
+};
+G_DEFINE_TYPE(TokenLaunchContext, token_launch_context, G_TYPE_APP_LAUNCH_CONTEXT)
+
+char* TokenLaunchContextStartupNotifyId(GAppLaunchContext* context, GAppInfo*, GList*) {
+  return g_strdup(reinterpret_cast<TokenLaunchContext*>(context)->token);
+}
+
+void TokenLaunchContextFinalize(GObject* object) {
+  g_free(reinterpret_cast<TokenLaunchContext*>(object)->token);
+  G_OBJECT_CLASS(token_launch_context_parent_class)->finalize(object);
+}
+
+void token_launch_context_class_init(TokenLaunchContextClass* klass) {
+  G_OBJECT_CLASS(klass)->finalize = TokenLaunchContextFinalize;
+  G_APP_LAUNCH_CONTEXT_CLASS(klass)->get_startup_notify_id = TokenLaunchContextStartupNotifyId;
+}
+
+void token_launch_context_init(TokenLaunchContext* context) { context->token = nullptr; }
 
 struct DesktopLaunch {
   std::string url;
@@ -133,6 +184,7 @@ LaunchEnvironment CaptureLaunchEnvironment() {
   environment.xdg_activation_token = GetEnvironmentVariable("XDG_ACTIVATION_TOKEN");
   environment.desktop_startup_id = GetEnvironmentVariable("DESKTOP_STARTUP_ID");
   environment.original_gio_use_vfs = GetEnvironmentVariable("GIO_USE_VFS");
+  environment.launch_marker = GetEnvironmentVariable(kLaunchMarkerVariable);
   return environment;
 }
 
@@ -148,12 +200,17 @@ void LinuxWorkspace::SetActivationTokens(std::optional<std::string> xdg_activati
   environment_.desktop_startup_id = std::move(desktop_startup_id);
 }
 
+void LinuxWorkspace::SetDeliveryLoopDepth(int depth) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  delivery_loop_depth_ = depth;
+}
+
 bool LinuxWorkspace::CanOpenUrls() { return true; }
 
-std::optional<std::string> LinuxWorkspace::WorkBrowserLocation() {
+std::optional<Url> LinuxWorkspace::WorkBrowserLocation() {
   GDesktopAppInfo* info = g_desktop_app_info_new(kWorkBrowserDesktopId);
   if (!info) return std::nullopt;
-  std::optional<std::string> location;
+  std::optional<Url> location;
   const char* filename = g_desktop_app_info_get_filename(info);
   if (filename) {
     gchar* uri = g_filename_to_uri(filename, nullptr, nullptr);
@@ -164,25 +221,23 @@ std::optional<std::string> LinuxWorkspace::WorkBrowserLocation() {
   return location;
 }
 
-// A file URL names the local path its path component spells, with query and
-// fragment left off, as a URL's path never includes them. A reference
-// without a scheme that starts with "/" (which the policy reader accepts as
-// well formed) is read as if written with "file:" in front, so
-// "/usr/bin/browser" is that path and "//host/x" needs host to be local.
-std::optional<std::string> LinuxWorkspace::PathOfLocation(const std::string& location) {
-  std::string uri = location;
-  if (!uri.empty() && uri[0] == '/') uri = "file:" + uri;
-  size_t end_of_path = uri.find_first_of("?#");
-  if (end_of_path != std::string::npos) uri.resize(end_of_path);
-
-  gchar* hostname = nullptr;
-  gchar* filename = g_filename_from_uri(uri.c_str(), &hostname, nullptr);
-  std::optional<std::string> path;
-  bool local_host = !hostname || hostname[0] == '\0' || g_ascii_strcasecmp(hostname, "localhost") == 0;
-  if (filename && local_host) path = std::string(filename);
-  g_free(filename);
-  g_free(hostname);
+std::optional<std::string> LinuxWorkspace::StartablePath(const Url& location) {
+  UrlParts parts = SplitUrl(location.spec);
+  if (parts.scheme && g_ascii_strcasecmp(std::string(*parts.scheme).c_str(), "file") != 0) {
+    return std::nullopt;
+  }
+  if (parts.authority && !parts.authority->empty() &&
+      g_ascii_strcasecmp(std::string(*parts.authority).c_str(), "localhost") != 0) {
+    return std::nullopt;
+  }
+  std::optional<std::string> path = UrlPath(location.spec);
+  if (!path || !path->starts_with('/')) return std::nullopt;
   return path;
+}
+
+bool LinuxWorkspace::StartsThisDispatcher(const Url& location) {
+  std::optional<std::string> path = StartablePath(location);
+  return path && PathStartsThisDispatcher(*path);
 }
 
 std::vector<std::pair<std::string, std::optional<std::string>>>
@@ -198,14 +253,16 @@ LinuxWorkspace::BrowserEnvironmentChanges() {
       // Tokens are single-use: pass this delivery's, never a stale one.
       {"XDG_ACTIVATION_TOKEN", environment_.xdg_activation_token},
       {"DESKTOP_STARTUP_ID", environment_.desktop_startup_id},
+      // Lets a dispatcher that this launch starts after all see the loop.
+      {kLaunchMarkerVariable, LaunchMarkerNow(delivery_loop_depth_)},
   };
 }
 
-void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::string>& application,
+void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application,
                              Completion completion) {
   std::optional<std::string> path;
-  if (application) path = PathOfLocation(*application);
-  if (!path || path->empty()) {
+  if (application) path = StartablePath(*application);
+  if (!path) {
     CompleteLater(std::move(completion), false);
     return;
   }
@@ -218,14 +275,21 @@ void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::st
       CompleteLater(std::move(completion), false);
       return;
     }
-    GAppLaunchContext* context = g_app_launch_context_new();
+    // The startup identifier of X11 when there is one, else the Wayland
+    // token: desktops that set both give them the same value.
+    std::optional<std::string> token;
+    for (const auto& [name, value] : changes) {
+      if (value && (name == "DESKTOP_STARTUP_ID" || (name == "XDG_ACTIVATION_TOKEN" && !token))) token = value;
+    }
+    auto* context = static_cast<GAppLaunchContext*>(g_object_new(token_launch_context_get_type(), nullptr));
+    reinterpret_cast<TokenLaunchContext*>(context)->token = token ? g_strdup(token->c_str()) : nullptr;
     for (const auto& [name, value] : changes) {
       if (value)
         g_app_launch_context_setenv(context, name.c_str(), value->c_str());
       else
         g_app_launch_context_unsetenv(context, name.c_str());
     }
-    auto* launch = new DesktopLaunch{url, std::move(completion)};
+    auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
     launch->uris.data = launch->url.data();
     g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
                                  OnDesktopLaunchFinished, launch);
@@ -241,7 +305,7 @@ void LinuxWorkspace::OpenUrl(const std::string& url, const std::optional<std::st
     else
       envp = g_environ_unsetenv(envp, name.c_str());
   }
-  int spawn_error = SpawnBrowser(*path, url, envp);
+  int spawn_error = SpawnBrowser(*path, url.spec, envp);
   g_strfreev(envp);
   if (spawn_error != 0) g_debug("Could not start %s: %s", path->c_str(), g_strerror(spawn_error));
   CompleteLater(std::move(completion), spawn_error == 0);

@@ -21,6 +21,8 @@ struct LaunchEnvironment {
   std::optional<std::string> desktop_startup_id;     // DESKTOP_STARTUP_ID
   // GIO_USE_VFS as it was before the dispatcher set it for itself.
   std::optional<std::string> original_gio_use_vfs;
+  // The mark of the dispatcher whose browser launch started us, if any.
+  std::optional<std::string> launch_marker;
 };
 
 // Reads the environment at process start, before anything changes it.
@@ -39,20 +41,31 @@ class LinuxWorkspace : public Workspace {
   void SetActivationTokens(std::optional<std::string> xdg_activation_token,
                            std::optional<std::string> desktop_startup_id);
 
+  // The loop depth of the delivery being handled, which the launches made
+  // for it pass on in their mark (see loop_guard.h).
+  void SetDeliveryLoopDepth(int depth);
+
   bool CanOpenUrls() override;
-  std::optional<std::string> WorkBrowserLocation() override;
-  std::optional<std::string> PathOfLocation(const std::string& location) override;
-  void OpenUrl(const std::string& url, const std::optional<std::string>& application,
+  std::optional<Url> WorkBrowserLocation() override;
+  bool StartsThisDispatcher(const Url& location) override;
+  void OpenUrl(const Url& url, const std::optional<Url>& application,
                Completion completion) override;
+
+  // The local program or desktop entry that OpenUrl starts for an
+  // application location: the path of a file URL on this host or of an
+  // absolute path without a scheme. nullopt for anything else (https, another
+  // host, a relative reference), which cannot be started.
+  static std::optional<std::string> StartablePath(const Url& location);
 
  private:
   // How a started browser's environment differs from ours: a value, or
   // nullopt to unset the variable.
   std::vector<std::pair<std::string, std::optional<std::string>>> BrowserEnvironmentChanges();
 
-  // Tokens change per delivery while launches may be under way.
+  // Tokens and depth change per delivery while launches may be under way.
   std::mutex mutex_;
   LaunchEnvironment environment_;
+  int delivery_loop_depth_ = 0;
 };
 
 }  // namespace dispatcher::linux_shell

@@ -1,29 +1,47 @@
 // The macOS shell: NSApplication delivers launch, URLs and termination to the
 // one AppDelegate of the portable core.
 #import <AppKit/AppKit.h>
+#include <dispatch/dispatch.h>
 
-#include <string>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "dispatcher/dispatcher_delegate.h"
 #include "dispatcher/dispatcher_main.h"
 #include "platform/mac/mac_workspace.h"
 
+#if !__has_feature(objc_arc)
+#error "Built with ARC: the application delegate is kept alive by a strong reference."
+#endif
+
+@interface CorvaneAppDelegate : NSObject <NSApplicationDelegate>
+@end
+
 namespace {
 
 class NSApplicationShell : public dispatcher::ApplicationShell {
  public:
-  void Terminate() override { [NSApp terminate:[NSApp delegate]]; }
+  explicit NSApplicationShell(CorvaneAppDelegate* sender) : sender_(sender) {}
+
+  // Sent from the termination task's own thread; the framework then calls
+  // applicationWillTerminate: and ends the process.
+  void Terminate() override { [NSApp terminate:sender_]; }
+
+  // The system's default-priority global queue.
+  void RunInBackground(std::function<void()> task) override {
+    dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), ^{
+      task();
+    });
+  }
+
+ private:
+  CorvaneAppDelegate* sender_;  // strong: the framework holds its delegate weakly
 };
 
-dispatcher::mac_shell::MacWorkspace* g_workspace;
-NSApplicationShell* g_application_shell;
 dispatcher::AppDelegate* g_delegate;
 
 }  // namespace
-
-@interface CorvaneAppDelegate : NSObject <NSApplicationDelegate>
-@end
 
 @implementation CorvaneAppDelegate
 
@@ -32,9 +50,11 @@ dispatcher::AppDelegate* g_delegate;
 }
 
 - (void)application:(NSApplication*)application openURLs:(NSArray<NSURL*>*)urls {
-  std::vector<std::string> texts;
-  for (NSURL* url in urls) texts.emplace_back([[url absoluteString] UTF8String]);
-  g_delegate->applicationOpenURLs(texts);
+  // The delivered objects themselves travel on to the workspace.
+  std::vector<dispatcher::Url> delivered;
+  delivered.reserve([urls count]);
+  for (NSURL* url in urls) delivered.push_back(dispatcher::mac_shell::UrlFromNSURL(url));
+  g_delegate->applicationOpenURLs(delivered);
 }
 
 - (void)applicationWillTerminate:(NSNotification*)notification {
@@ -44,12 +64,14 @@ dispatcher::AppDelegate* g_delegate;
 @end
 
 int main(int argc, const char* argv[]) {
-  dispatcher::InitializeDispatcherLogging();
-  // Live until the process ends: the framework holds its delegate weakly.
-  g_workspace = new dispatcher::mac_shell::MacWorkspace;
-  g_application_shell = new NSApplicationShell;
-  g_delegate = new dispatcher::AppDelegate(*g_workspace, *g_application_shell);
-  static CorvaneAppDelegate* delegate = [[CorvaneAppDelegate alloc] init];
-  [[NSApplication sharedApplication] setDelegate:delegate];
+  @autoreleasepool {
+    dispatcher::InitializeDispatcherLogging();
+    CorvaneAppDelegate* delegate = [[CorvaneAppDelegate alloc] init];
+    // Live until the process ends; the shell keeps the framework's delegate.
+    auto* workspace = new dispatcher::mac_shell::MacWorkspace;
+    auto* application_shell = new NSApplicationShell(delegate);
+    g_delegate = new dispatcher::AppDelegate(*workspace, *application_shell);
+    [[NSApplication sharedApplication] setDelegate:delegate];
+  }
   return NSApplicationMain(argc, argv);
 }

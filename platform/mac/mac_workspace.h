@@ -2,18 +2,26 @@
 #ifndef PLATFORM_MAC_MAC_WORKSPACE_H_
 #define PLATFORM_MAC_MAC_WORKSPACE_H_
 
+#import <Foundation/Foundation.h>
+
 #include "dispatcher/workspace.h"
 
 namespace dispatcher::mac_shell {
 
 inline constexpr char kWorkBrowserBundleIdentifier[] = "com.velora.velorabrowser";
+// Our own bundle's identifier: a bundle that bears it is a copy of us.
+inline constexpr char kDispatcherBundleIdentifier[] = "com.halvard.corvane.dispatcher";
+
+// A core URL that carries `url` itself, so the workspace gets the very object
+// back.
+Url UrlFromNSURL(NSURL* url);
 
 class MacWorkspace : public Workspace {
  public:
   bool CanOpenUrls() override;
-  std::optional<std::string> WorkBrowserLocation() override;
-  std::optional<std::string> PathOfLocation(const std::string& location) override;
-  void OpenUrl(const std::string& url, const std::optional<std::string>& application,
+  std::optional<Url> WorkBrowserLocation() override;
+  bool StartsThisDispatcher(const Url& location) override;
+  void OpenUrl(const Url& url, const std::optional<Url>& application,
                Completion completion) override;
 };
 

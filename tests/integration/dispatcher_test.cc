@@ -1,98 +1,20 @@
-// The real dispatcher in a private home; the recording stand-in browser is the work and the non-work browser.
+// The real dispatcher in a private home (tests/support/dispatcher_home.h): its log, launches, deliveries and loops.
+#include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <set>
-#include <sstream>
 
-#include "gtest/gtest.h"
-#include "tests/support/browser_record.h"
-#include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/dispatcher_home.h"
 
 namespace corvane_test {
 namespace {
 
-constexpr char kBanner[] = "--------------------Corvane Dispatcher Initialized.-----------------------";
-constexpr char kHosted[] = "It is a hosted app url. Launching url in work browser.";
-constexpr char kNoneSet[] = "No browser set for non-work URLs. Opening in work browser.";
-constexpr char kFound[] = "Selected non-work browser found, will launch url in non-work browser.";
-constexpr char kNotFound[] = "Selected non-work browser not found, will open url in work browser.";
-constexpr char kFirstFailed[] = "Failed to launch URL, will try to launch URL again in work browser.";
-constexpr char kLaunched[] = "Launched browser successfully.";
-constexpr char kRetryFailed[] = "Failed to launch URL in work browser as well.";
-constexpr char kWorkUrl[] = "https://intra.corp.test/app/", kOtherUrl[] = "https://news.example/today?x=1";
-
-// The messages of "[MMDD/HHMMSS.uuuuuu:SEVERITY:file(line)] message" lines; only the launcher's, if `launcher`.
-Strings Messages(const std::string& text, bool launcher = false) {
-  const std::set<std::string> kLauncher = {kHosted, kNoneSet, kFound, kNotFound, kFirstFailed, kLaunched, kRetryFailed};
-  Strings messages;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    std::string message = line.substr(std::min(line.find(")] ") + 3, line.size()));
-    if (!launcher || kLauncher.count(message)) messages.push_back(message);
-  }
-  return messages;
-}
-
-class DispatcherTest : public ::testing::Test {
+class DispatcherTest : public DispatcherHome {
  protected:
   void SetUp() override {
-    for (const char* folder : {".config/Halvard/Corvane/logs", "data/applications", "records", "B 100%", "Entry"})
-      ASSERT_TRUE(MakeDirectories(Home(folder)));
-    // The program's folder needs escapes in a URL; GIO refuses a "%" in the program path of an entry.
-    for (const char* browser : {"B 100%/other browser", "Entry/work browser", "Entry/other browser"})
-      ASSERT_EQ(symlink(CORVANE_RECORDER_BROWSER, Home(browser).c_str()), 0);
-    for (std::string name : {"work browser", "other browser", "removed browser"}) {
-      std::string entry = name == "work browser" ? work_entry_ : Home(name + ".desktop");
-      ASSERT_TRUE(WriteFile(entry, "[Desktop Entry]\nType=Application\nExec=\"" + Home("Entry/" + name) + "\" %u\n"));
-    }
+    DispatcherHome::SetUp();
     ASSERT_TRUE(WriteFile(Home("readme.txt"), "touch '" + Home("ran") + "'\n", 0755));  // if a shell ran it
   }
-
-  std::string Home(const std::string& relative) const { return home_.Child(relative); }
-
-  // Work URLs are those of corp.test; "$HOME" in the non-work browser's location stands for the home folder.
-  void WriteLocalState(std::string non_work) {
-    std::string json = R"({"kel_prefs":{"policy":{"browser_urls":[{"patterns":["*.corp.test/*"]}]}})";
-    if (size_t at = non_work.find("$HOME"); at != std::string::npos) non_work.replace(at, 5, home_.path());
-    if (!non_work.empty()) json += R"(,"browser":{"browserPathForNonWorkLinks":")" + non_work + "\"}";
-    ASSERT_TRUE(WriteFile(Home(".config/Halvard/Corvane/Local State"), json + "}"));
-  }
-
-  ProcessOptions Options(int64_t clock_ahead_seconds = 0) const {
-    ProcessOptions options;
-    options.clear_environment = true;  // and no session bus: every process handles its own delivery
-    options.env = {{"HOME", home_.path()}, {"XDG_DATA_DIRS", Home("data")}, {"PATH", "/usr/bin:/bin"},
-                   {"CORVANE_RECORDER_DIR", Home("records")}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
-                   {"LD_PRELOAD", clock_ahead_seconds ? CORVANE_FAKE_CLOCK_LIBRARY : ""},
-                   {"CORVANE_FAKE_CLOCK_OFFSET_SECONDS", std::to_string(clock_ahead_seconds)},
-                   {"GIO_USE_VFS", "gvfs"}};  // the user's own choice, which browsers get unchanged
-    return options;
-  }
-
-  // Runs the dispatcher, which must end by itself, successfully.
-  ProcessResult Run(const Strings& urls, const ProcessOptions& options, Strings argv = {}) {
-    argv.push_back(CORVANE_DISPATCHER_BINARY);
-    argv.insert(argv.end(), urls.begin(), urls.end());
-    ProcessResult result = RunProcess(argv, options);
-    EXPECT_TRUE(result.exited && result.exit_code == 0) << result.signal << result.err.substr(0, 2000);
-    EXPECT_TRUE(result.err.ends_with("Terminated Dispatcher Application.\n"));
-    return result;
-  }
-
-  // Waits for `count` records, and takes them away; the dispatcher has ended, so no more come.
-  std::vector<BrowserRecord> Records(size_t count) {
-    std::vector<BrowserRecord> records = WaitForBrowserRecords(Home("records"), count);
-    RemoveTree(Home("records"));
-    EXPECT_TRUE(MakeDirectories(Home("records")));
-    return records;
-  }
-
-  TempDir home_;
-  std::string work_entry_ = Home("data/applications/com.velora.velorabrowser.desktop");
-  std::string log_file_ = Home(".config/Halvard/Corvane/logs/CorvaneDispatcher_debug.log");
 };
 
 TEST_F(DispatcherTest, EmptyDeliveryLogsTheWholeLifeToFileAndStandardErrorWhenThereIsALogsFolder) {
@@ -142,6 +64,8 @@ TEST_F(DispatcherTest, EachUrlOpensInTheChosenBrowserWithTheLauncherLines) {
       {"file://$HOME/other%20browser.desktop", kOtherUrl, "other browser", {kFound, kLaunched}},
       {"", kOtherUrl, "work browser", {kNoneSet, kLaunched}},
       {"file:///missing", kOtherUrl, "work browser", {kNotFound, kLaunched}},
+      // Whatever the scheme, the location's path is what must exist; only a local file can be started.
+      {"https://example.com$HOME/B%20100%25/other%20browser", kOtherUrl, "work browser", {kFound, kFirstFailed}},
       // Not startable: retried in the work browser, silently when that works.
       {"file://$HOME/readme.txt", kOtherUrl, "work browser", {kFound, kFirstFailed}},
       {"file://$HOME/removed%20browser.desktop", kOtherUrl, "work browser", {kFound, kFirstFailed}},
@@ -151,10 +75,9 @@ TEST_F(DispatcherTest, EachUrlOpensInTheChosenBrowserWithTheLauncherLines) {
     WriteLocalState(non_work);
     ASSERT_TRUE(!browser.empty() || unlink(work_entry_.c_str()) == 0);
     EXPECT_EQ(Messages(Run({url}, Options()).err, true), messages);
-    Strings got;  // "browser: argument VFS" for each argument of each start
-    for (auto& r : Records(!browser.empty()))
-      for (auto& a : r.args) got.push_back(r.name + ": " + a + " " + r.env["GIO_USE_VFS"]);
-    EXPECT_EQ(got, browser.empty() ? Strings{} : Strings{browser + ": " + url + " gvfs"});
+    std::vector<BrowserRecord> records = Records(!browser.empty());
+    EXPECT_EQ(records.size(), !browser.empty());
+    for (auto& r : records) EXPECT_EQ(r.name + ": " + r.args.at(0) + " " + r.env["GIO_USE_VFS"], browser + ": " + url + " gvfs");
   }
   EXPECT_FALSE(FileExists(Home("ran")));
 }
@@ -191,21 +114,173 @@ TEST_F(DispatcherTest, HostileUrlsOfOneDeliveryReachTheirBrowsersByteForByteWith
   EXPECT_FALSE(FileExists("ran"));
 }
 
-TEST_F(DispatcherTest, SecondDeliveryIsHandledByTheRunningDispatcher) {
+TEST_F(DispatcherTest, EveryKindOfDesktopEntryGetsTheUrlAsOneArgumentAndTheToken) {
+  if (access("/usr/bin/dbus-run-session", X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
+  // D-Bus-activatable entries; the program of their Exec line is what GIO runs when there is no session bus.
+  auto activatable = [this](const std::string& program) {
+    return "[Desktop Entry]\nType=Application\nName=A\nDBusActivatable=true\nStartupNotify=true\nExec=\"" +
+           Home("Entry/" + program) + "\" %u\n";
+  };
+  ASSERT_TRUE(MakeDirectories(Home("data/dbus-1/services")));
+  for (const char* name : {"com.velora.velorabrowser", "org.example.Personal"}) {
+    ASSERT_TRUE(WriteFile(Home("data/dbus-1/services/") + name + ".service",
+                          std::string("[D-BUS Service]\nName=") + name + "\nExec=" + CORVANE_RECORDER_BROWSER +
+                              " --dbus-service " + name + "\n"));
+  }
+  ASSERT_EQ(symlink(CORVANE_RECORDER_BROWSER, Home("Entry/flatpak").c_str()), 0);
+  for (const char* name : {"org.example.Personal", "org.example.Unserved"})
+    ASSERT_TRUE(WriteFile(Home(name) + ".desktop", activatable("other browser")));
+  ASSERT_TRUE(WriteFile(Home("sandboxed.desktop"), "[Desktop Entry]\nType=Application\nName=S\nExec=" +
+                                                       Home("Entry/flatpak") +
+                                                       " run --branch=stable --arch=x86_64 --command=personal "
+                                                       "--file-forwarding org.example.Personal @@u %u @@\n"));
+  const std::string kPlainWorkEntry = ReadFile(work_entry_);
+  const std::string work = kWorkUrl, other = kOtherUrl, tokens = " | startup-2 token-1";
+  // Whether the work browser is D-Bus activatable, the non-work browser, whether there is a session bus, the URL,
+  // the launcher's lines and the one start as "program: arguments | DESKTOP_STARTUP_ID XDG_ACTIVATION_TOKEN".
+  // Over the bus the token arrives in the platform data, which carries one.
+  const std::vector<std::tuple<bool, std::string, bool, std::string, Strings, std::string>> kScenarios = {
+      {true, "", true, work, {kHosted, kLaunched}, "com.velora.velorabrowser: " + work + " | startup-2 -"},
+      {false, "org.example.Personal.desktop", true, other, {kFound, kLaunched},
+       "org.example.Personal: " + other + " | startup-2 -"},
+      {false, "org.example.Personal.desktop", false, other, {kFound, kLaunched}, "other browser: " + other + tokens},
+      // Nobody serves that name: the failed activation is retried in the work browser.
+      {false, "org.example.Unserved.desktop", true, other, {kFound, kFirstFailed}, "work browser: " + other + tokens},
+      {false, "sandboxed.desktop", true, other, {kFound, kLaunched},
+       "flatpak: run --branch=stable --arch=x86_64 --command=personal --file-forwarding org.example.Personal @@u " +
+           other + " @@" + tokens}};
+  ProcessOptions options = Options();
+  options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"}});
+  for (const auto& [work_activatable, non_work, bus, url, messages, start] : kScenarios) {
+    SCOPED_TRACE(non_work + (bus ? " with a bus" : " without a bus"));
+    WriteLocalState(non_work.empty() ? "" : "file://$HOME/" + non_work);
+    ASSERT_TRUE(WriteFile(work_entry_, work_activatable ? activatable("work browser") : kPlainWorkEntry));
+    EXPECT_EQ(Messages(Run({url}, options, bus ? Strings{"/usr/bin/dbus-run-session", "--"} : Strings{}).err, true),
+              messages);
+    Strings got;
+    for (BrowserRecord& r : Records(1)) {
+      std::string line = r.name + ":";
+      for (const std::string& a : r.args) line += " " + a;
+      auto token = [&r](const char* name) { return r.env.count(name) ? r.env[name] : std::string("-"); };
+      got.push_back(line + " | " + token("DESKTOP_STARTUP_ID") + " " + token("XDG_ACTIVATION_TOKEN"));
+    }
+    EXPECT_EQ(got, Strings{start});
+  }
+}
+
+TEST_F(DispatcherTest, SecondDeliveryIsHandledByTheRunningDispatcherAndTheForwarderLeavesTheLogAlone) {
   if (access("/usr/bin/dbus-run-session", X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   ProcessOptions options = Options();
-  options.env["D"] = CORVANE_DISPATCHER_BINARY;
-  // The second starts while the first waits out its shutdown; handling its own delivery, it would launch too.
+  options.env.insert({{"D", CORVANE_DISPATCHER_BINARY}, {"F", CORVANE_FAKE_CLOCK_LIBRARY}});
+  // The second starts while the first waits out its shutdown; handling its own delivery, it would launch too. Its
+  // clock is 97 hours ahead: running the start-up, it would take the first one's log for expired and delete it.
   ProcessResult result = RunProcess({"/usr/bin/dbus-run-session", "--", "/bin/sh", "-c",
-                                     "$D https://a.example/ & sleep 1; "
-                                     "$D https://b.example/ https://c.example/; echo $?; wait $!; echo $?"}, options);
+                                     "$D https://a.example/ & sleep 1; LD_PRELOAD=$F CORVANE_FAKE_CLOCK_OFFSET_SECONDS="
+                                     "349200 $D https://b.example/ https://c.example/; echo $?; wait $!; echo $?"},
+                                    options);
   EXPECT_EQ(result.out, "0\n0\n") << result.err;
   Strings messages = Messages(ReadFile(log_file_));
-  for (auto [message, count] : {std::pair<std::string, int>(kLaunched, 3), {"Dispatcher Application is launching.", 1},
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.front(), kBanner);
+  EXPECT_EQ(messages.back(), kTerminated);
+  for (auto [message, count] : {std::pair<std::string, size_t>(kLaunched, 3), {kBanner, 1}, {kTerminated, 1},
+                                {"Dispatcher Application is launching.", 1},
                                 {"Corvane Dispatcher received urls - [ https://b.example/, https://c.example/ ]", 1}})
-    EXPECT_EQ(std::count(messages.begin(), messages.end(), message), count) << message;
+    EXPECT_EQ(Count(messages, message), count) << message;
   EXPECT_EQ(Records(3).size(), 3u);
 }
+
+// Browsers that start the dispatcher again. Each loop ends within seconds with the URL in the work browser (when it is
+// a browser), having started no more dispatchers than the table allows.
+struct LoopCase {
+  const char* name;
+  std::string non_work;   // the non-work browser's location
+  std::string work_exec;  // the work browser entry's program when it is not the stand-in browser
+  bool bus;               // a session bus: later dispatchers hand their delivery to the first
+  Strings lines;          // the launchers' lines of all dispatchers, sorted
+  size_t wrapped;         // dispatchers started through the counting wrapper, which they are not told about
+  size_t banners;         // dispatchers that started up; those that hand their delivery on do not
+};
+
+void PrintTo(const LoopCase& c, std::ostream* out) { *out << c.name; }
+
+class LoopTest : public DispatcherHome, public ::testing::WithParamInterface<LoopCase> {
+ protected:
+  void SetUp() override {
+    DispatcherHome::SetUp();
+    ASSERT_TRUE(MakeDirectories(Home("bin")));
+    ASSERT_EQ(symlink(CORVANE_DISPATCHER_BINARY, Home("bin/linked").c_str()), 0);
+    const std::string count = "echo start >> \"$HOME/dispatchers\"\n";
+    ASSERT_TRUE(WriteFile(Home("bin/wrapper"), "#!/bin/sh\n" + count + "\"$D\" \"$@\"\necho end >> \"$HOME/dispatchers\"\n", 0755));
+    ASSERT_TRUE(WriteFile(Home("bin/exec-wrapper"), "#!/bin/sh\n" + count + "exec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n", 0755));
+    for (auto [entry, program] : {std::pair<std::string, std::string>("runs-us", CORVANE_DISPATCHER_BINARY),
+                                  {"com.halvard.corvane.dispatcher", Home("Entry/other browser")}})
+      ASSERT_TRUE(WriteFile(Home(entry + ".desktop"), "[Desktop Entry]\nType=Application\nExec=\"" + program + "\" %u\n"));
+  }
+  // How many lines of the counting wrapper's file are `line`.
+  size_t Wrapped(const std::string& line) {
+    std::istringstream in(ReadFile(Home("dispatchers")));
+    size_t n = 0;
+    for (std::string read; std::getline(in, read);) n += read == line;
+    return n;
+  }
+};
+
+TEST_P(LoopTest, EndsWithinSecondsWithTheUrlInTheWorkBrowser) {
+  const LoopCase& c = GetParam();
+  WriteLocalState(c.non_work);
+  std::string work_exec = c.work_exec == "wrapper" ? Home("bin/wrapper") : c.work_exec;
+  if (!work_exec.empty()) {
+    ASSERT_TRUE(WriteFile(work_entry_, "[Desktop Entry]\nType=Application\nExec=\"" + work_exec + "\" %u\n"));
+  }
+  ProcessOptions options = Options();
+  options.env["D"] = CORVANE_DISPATCHER_BINARY;
+  std::string url = c.non_work.empty() ? kWorkUrl : kOtherUrl;
+  ProcessResult result = c.bus ? RunProcess({"/usr/bin/dbus-run-session", "--", CORVANE_DISPATCHER_BINARY, url}, options)
+                               : Run({url}, options);
+  EXPECT_TRUE(result.exited && result.exit_code == 0) << result.err;
+
+  // The dispatchers of the loop end by themselves; whatever still runs after the wait is killed with the group.
+  auto count = [&](const std::string& text, const char* line) { return Count(Messages(text), line); };
+  auto ended = [&] {
+    std::string log = ReadFile(log_file_);
+    return count(log, kBanner) == count(log, kTerminated) && Wrapped("start") == Wrapped("end");
+  };
+  for (int i = 0; i < 400 && !ended(); ++i) usleep(25000);
+  EXPECT_TRUE(ended());
+  kill(-result.pid, SIGKILL);
+
+  std::string log = ReadFile(log_file_);
+  Strings lines = Messages(log, true);
+  std::sort(lines.begin(), lines.end());
+  Strings expected = c.lines;
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(lines, expected);
+  EXPECT_EQ(Wrapped("start"), c.wrapped);
+  EXPECT_EQ(count(log, kBanner), c.banners);
+  EXPECT_EQ(Received(work_exec.empty()), work_exec.empty() ? Strings{"work browser: " + url} : Strings{});
+}
+
+const Strings kRefused = {kIsDispatcher, kNotFound, kLaunched};
+INSTANTIATE_TEST_SUITE_P(
+    Loops, LoopTest,
+    ::testing::ValuesIn(std::vector<LoopCase>{
+        // Recognised before anything starts: no dispatcher more.
+        {"OwnProgram", std::string("file://") + CORVANE_DISPATCHER_BINARY, "", false, kRefused, 0, 1},
+        {"LinkToIt", "file://$HOME/bin/linked", "", false, kRefused, 0, 1},
+        {"WrapperNamingIt", "file://$HOME/bin/exec-wrapper", "", false, kRefused, 0, 1},
+        {"EntryRunningIt", "file://$HOME/runs-us.desktop", "", false, kRefused, 0, 1},
+        {"EntryOfOurName", "file://$HOME/com.halvard.corvane.dispatcher.desktop", "", false, kRefused, 0, 1},
+        {"WorkEntryRunningIt", "", CORVANE_DISPATCHER_BINARY, false, {kHosted, kFirstFailed, kRetryFailed}, 0, 1},
+        // Not recognised: the dispatcher it starts sees the mark and routes no further.
+        {"Wrapper", "file://$HOME/bin/wrapper", "", false, {kFound, kLaunched, kLoop, kLaunched}, 1, 2},
+        {"WrapperWithBus", "file://$HOME/bin/wrapper", "", true, {kFound, kLaunched, kLoop, kLaunched}, 1, 1},
+        {"WorkEntryWrapper", "", "wrapper", false,
+         {kHosted, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed}, 2, 3},
+        {"WorkEntryWrapperWithBus", "", "wrapper", true,
+         {kHosted, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed}, 2, 1},
+    }),
+    [](const ::testing::TestParamInfo<LoopCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace corvane_test

@@ -64,6 +64,7 @@ ProcessResult RunProcess(const Strings& argv, const ProcessOptions& options) {
     if (!result.timed_out && Now() - start > options.timeout_seconds) result.timed_out = kill(-pid, SIGKILL) == 0;
   }
   result.seconds = Now() - start;
+  result.pid = pid;
   result.exited = result.started && !result.timed_out && WIFEXITED(status);
   result.exit_code = result.exited ? WEXITSTATUS(status) : -1;
   result.signal = result.started && WIFSIGNALED(status) ? WTERMSIG(status) : 0;

@@ -14,6 +14,7 @@ struct ProcessResult {
   bool started = false, exited = false;  // exited: by exit, not by a signal nor at the time limit
   int exit_code = -1, signal = 0;
   bool timed_out = false;  // then killed with its process group
+  int pid = 0;             // also the id of its process group, which its children share unless they leave it
   std::string out, err;
   double seconds = 0;
 };

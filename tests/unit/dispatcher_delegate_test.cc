@@ -40,14 +40,14 @@ class ScriptedWorkspace : public Workspace {
   std::vector<OpenRequest> requests;
 
   bool CanOpenUrls() override { return can_open; }
-  std::optional<std::string> WorkBrowserLocation() override { ++lookups; return kWorkBrowser; }
-  std::optional<std::string> PathOfLocation(const std::string& location) override {
-    return location.rfind("file://", 0) == 0 ? std::optional(location.substr(7)) : std::nullopt;
-  }
-  void OpenUrl(const std::string&, const std::optional<std::string>& application, Completion done) override {
+  std::optional<Url> WorkBrowserLocation() override { ++lookups; return kWorkBrowser; }
+  bool StartsThisDispatcher(const Url&) override { return false; }
+  void OpenUrl(const Url&, const std::optional<Url>& application, Completion done) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    requests.push_back({application, delegate->launchCounter()});
-    held_.emplace_back(std::move(done), application != failing);
+    std::optional<std::string> name;
+    if (application) name = application->spec;
+    requests.push_back({name, delegate->launchCounter()});
+    held_.emplace_back(std::move(done), name != failing);
     if (!hold) ReleaseLocked();
   }
   void Release() {
@@ -147,7 +147,7 @@ TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOwnOpenAndTheEndWaitsForTheLast
 TEST_F(AppDelegateTest, CounterReachesZeroOnceEveryLastAttemptHasCompletedOnAnyThread) {
   delegate_.setNonWorkBrowserPath("file:///");  // exists, but fails to open
   workspace_.failing = "file:///";
-  std::vector<std::string> urls;
+  std::vector<Url> urls;
   for (int i = 0; i < 150; ++i) urls.push_back("https://h" + std::to_string(i) + (i % 3 ? ".example/" : ".corp.test/"));
   delegate_.applicationOpenURLs(urls);
   ASSERT_TRUE(WaitForTermination(30s));

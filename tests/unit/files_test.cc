@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <limits>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -83,6 +84,23 @@ TEST(FileUtilTest, DeleteRemovesOneFileLinkOrEmptyDirectory) {
   EXPECT_TRUE(DoDeleteFile(FilePath(file)));
   EXPECT_TRUE(DoDeleteFile(FilePath(file))) << "already gone counts as deleted";
   EXPECT_TRUE(DoDeleteFile(FilePath()));
+}
+
+TEST(FileUtilTest, ReadTakesWholeFilesUpToTheBoundAndNeverWaits) {
+  corvane_test::TempDir dir;
+  ASSERT_TRUE(corvane_test::WriteFile(dir.Child("five"), "12345"));
+  ASSERT_EQ(mkfifo(dir.Child("fifo").c_str(), 0600), 0);
+  // Path, bound, what is read (nullopt: nothing, a failure).
+  const std::vector<std::tuple<std::string, size_t, std::optional<std::string>>> cases = {
+      {dir.Child("five"), 5, "12345"}, {dir.Child("five"), 4, std::nullopt}, {dir.path(), 99, std::nullopt},
+      {dir.Child("missing"), 99, std::nullopt}, {"/dev/zero", 1 << 20, std::nullopt}, {dir.Child("fifo"), 9, ""},
+  };
+  for (const auto& [path, bound, expected] : cases) {
+    std::string read = "untouched";
+    bool ok = ReadFileToString(FilePath(path), &read, bound);
+    EXPECT_EQ(ok ? std::optional(read) : std::nullopt, expected) << path << " " << bound;
+    EXPECT_TRUE(ok || read == "untouched") << path;
+  }
 }
 
 TEST(TimeTest, ConversionsAndSpansSaturate) {

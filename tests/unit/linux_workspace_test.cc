@@ -5,12 +5,16 @@
 
 #include <glib.h>
 #include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "dispatcher/url.h"
 #include "gtest/gtest.h"
+#include "platform/linux/loop_guard.h"
 #include "tests/support/browser_record.h"
 #include "tests/support/temp_dir.h"
 
@@ -20,25 +24,62 @@ using corvane_test::WriteFile;
 using dispatcher::linux_shell::LaunchEnvironment;
 using dispatcher::linux_shell::LinuxWorkspace;
 
-TEST(LinuxWorkspaceTest, FileUrlsAndAbsolutePathsNameLocalPaths) {
-  LinuxWorkspace workspace{LaunchEnvironment{}};
+// The path that the existence test looks at, whatever the URL, and the one
+// this workspace can start: local files only.
+TEST(LinuxWorkspaceTest, LocationsGiveTheirPathAndOnlyLocalFilesCanBeStarted) {
   const std::optional<std::string> none;
-  const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
-      {"file:///usr/bin/browser", "/usr/bin/browser"}, {"file:/usr/bin/browser", "/usr/bin/browser"},
-      {"FILE:///usr/bin/browser", "/usr/bin/browser"}, {"file://LocalHost/opt/browser", "/opt/browser"},
-      {"file:///opt/My%20Browser/run%25", "/opt/My Browser/run%"},
-      {"file:///opt/%E2%82%AC/semi;colon&$(x)'q", "/opt/\xE2\x82\xAC/semi;colon&$(x)'q"},
-      // A URL's path never includes its query or fragment.
-      {"file:///opt/browser?profile=1", "/opt/browser"}, {"file:///opt/browser#top", "/opt/browser"},
-      {"file:///opt/%3Fodd%23name", "/opt/?odd#name"},
-      // Without a scheme: an absolute path, spelled as a URL path.
-      {"/opt/My%20Browser.desktop", "/opt/My Browser.desktop"}, {"/opt/browser?profile=1", "/opt/browser"},
-      {"//localhost/opt/browser", "/opt/browser"}, {"file:///", "/"},
-      {"file://server.example/opt/browser", none}, {"//server.example/opt/browser", none},
-      {"https://example.com/browser", none}, {"browser.desktop", none}, {"", none}, {"file://", none},
-      {"file:///opt/a%2Fb", none}, {"file:///opt/a%00b", none},
+  struct Case {
+    std::string location;
+    std::optional<std::string> path, startable;
   };
-  for (const auto& [location, path] : cases) EXPECT_EQ(workspace.PathOfLocation(location), path) << location;
+  const std::vector<Case> cases = {
+      {"file:///usr/bin/browser", "/usr/bin/browser", "/usr/bin/browser"},
+      {"file:/usr/bin/browser", "/usr/bin/browser", "/usr/bin/browser"},
+      {"FILE:///usr/bin/browser", "/usr/bin/browser", "/usr/bin/browser"},
+      {"file://LocalHost/opt/browser", "/opt/browser", "/opt/browser"},
+      {"file:///opt/My%20Browser/run%25", "/opt/My Browser/run%", "/opt/My Browser/run%"},
+      {"file:///opt/%E2%82%AC/semi;colon&$(x)'q", "/opt/\xE2\x82\xAC/semi;colon&$(x)'q", "/opt/\xE2\x82\xAC/semi;colon&$(x)'q"},
+      // A URL's path never includes its query or fragment, nor a trailing "/".
+      {"file:///opt/browser?profile=1#top", "/opt/browser", "/opt/browser"},
+      {"file:///opt/%3Fodd%23name/", "/opt/?odd#name", "/opt/?odd#name"},
+      {"file:///opt/a%2Fb", "/opt/a/b", "/opt/a/b"}, {"file:///", "/", "/"}, {"file://", "", none},
+      // Without a scheme: the reference is its own absolute form.
+      {"/opt/My%20Browser.desktop", "/opt/My Browser.desktop", "/opt/My Browser.desktop"},
+      {"//localhost/opt/browser", "/opt/browser", "/opt/browser"},
+      {"browser.desktop", "browser.desktop", none}, {"", "", none}, {"#fragment?/", "", none},
+      // Any scheme and host has a path; only local files can be started.
+      {"https://example.com/usr/bin/browser", "/usr/bin/browser", none},
+      {"file://server.example/opt/browser", "/opt/browser", none},
+      {"//server.example/opt/browser", "/opt/browser", none}, {"https://example.com", "", none},
+      // No path at all: opaque URLs and escapes that spell no file name.
+      {"mailto:someone@example.com", none, none}, {"file:opt/browser", none, none},
+      {"file:///opt/a%00b", none, none}, {"file:///opt/%FF", none, none}, {"file:///opt/%C3", none, none},
+      {"file:///a%2", none, none}, {"file:///a%zz", none, none},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(dispatcher::UrlPath(c.location), c.path) << c.location;
+    EXPECT_EQ(LinuxWorkspace::StartablePath(c.location), c.startable) << c.location;
+  }
+}
+
+// The mark of a dispatcher's launch counts only while it is fresh and its dispatcher (here: this test program, which
+// stands in for one) still runs; any other mark is a later, legitimate delivery.
+TEST(LinuxWorkspaceTest, LaunchMarksCountWhileFreshAndTheirDispatcherRuns) {
+  using dispatcher::linux_shell::LaunchLoopDepth;
+  using dispatcher::linux_shell::LaunchMarkerNow;
+  struct timespec now;
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  long long ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+  auto mark = [](long long pid, long long at, const std::string& depth) {
+    return std::to_string(pid) + " " + std::to_string(at) + " " + depth;
+  };
+  const std::vector<std::pair<std::optional<std::string>, int>> cases = {
+      {LaunchMarkerNow(0), 1}, {LaunchMarkerNow(1), 2}, {LaunchMarkerNow(99), 9}, {mark(getpid(), ms - 9000, "1"), 1},
+      {mark(getpid(), ms - 11000, "1"), 0}, {mark(getpid(), ms + 2000, "1"), 0},  // stale, or from the future
+      {mark(getppid(), ms, "1"), 0}, {mark(1, ms, "1"), 0}, {mark(999999999, ms, "1"), 0},  // not a dispatcher
+      {std::nullopt, 0}, {"", 0}, {mark(getpid(), ms, "0"), 0}, {mark(getpid(), ms, "1 x"), 0}, {"1 2", 0},
+  };
+  for (const auto& [marker, depth] : cases) EXPECT_EQ(LaunchLoopDepth(marker), depth) << marker.value_or("(none)");
 }
 
 class LinuxWorkspaceLaunchTest : public ::testing::Test {

@@ -1,8 +1,10 @@
 #include "dispatcher/local_state.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/temp_dir.h"
@@ -44,38 +46,49 @@ class LocalStateTest : public ::testing::Test {
   corvane_test::LogCapture log_;
 };
 
+// The same document in spellings that the platform's reader reads alike: as the work browser writes it, after a
+// byte order mark, and with numbers beyond 64 bits or a double's range.
 TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
-  LocalStatePolicy policy = Read(R"({
-    "browser": {"browserPathForNonWorkLinks": "file:///usr/share/applications/other.desktop", "v": "1"},
-    "profile": {"info_cache": {"Default": {"name": "Person 1"}}},
-    "kel_prefs": {"unrelated": [1, {"x": null}], "policy": {"other": true, "browser_urls": [
-        {"patterns": ["*.corp.test/*", 42, "corp.test/*"], "name": "intranet"},
-        {"name": "rule without patterns"}, "a rule that is no object", {"patterns": "not an array"},
-        {"patterns": []},
-        {"patterns": ["\u00e9xample.test/*", null, "a\u0000b", "c\\.d\"e"]}]}}})");
-  EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
-  EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
-  ASSERT_TRUE(policy.policy_urls);
-  std::vector<std::string> read;
-  for (const PolicyRule& rule : *policy.policy_urls) {
-    read.push_back(rule.has_patterns ? "rule:" : "skipped rule");
-    for (const PolicyPattern& pattern : rule.patterns) read.push_back(pattern.is_string ? pattern.text : "(skipped)");
+  for (const auto& [bom, number, other] : {std::tuple("", "42", "1"), {"\xEF\xBB\xBF", "1e400", "-99999999999999999999"},
+                                          {"", "123456789012345678901234567890", "-1E+400"}}) {
+    LocalStatePolicy policy = Read(bom + std::string(R"({
+      "browser": {"browserPathForNonWorkLinks": "file:///usr/share/applications/other.desktop", "v": "1"},
+      "profile": {"info_cache": {"Default": {"name": "Person 1", "n": )") + other + R"(}}},
+      "kel_prefs": {"unrelated": [)" + other + R"(, {"x": null}], "policy": {"other": true, "browser_urls": [
+          {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranet"},
+          {"name": "rule without patterns"}, "a rule that is no object", {"patterns": "not an array"},
+          {"patterns": []},
+          {"patterns": ["\u00e9xample.test/*", null, "a\u0000b", "c\\.d\"1e400"]}]}}})");
+    SCOPED_TRACE(number);
+    EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
+    EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
+    ASSERT_TRUE(policy.policy_urls);
+    std::vector<std::string> read;
+    for (const PolicyRule& rule : *policy.policy_urls) {
+      read.push_back(rule.has_patterns ? "rule:" : "skipped rule");
+      for (const PolicyPattern& pattern : rule.patterns) read.push_back(pattern.is_string ? pattern.text : "(skipped)");
+    }
+    EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
+                                              "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
+                                              "(skipped)", std::string("a\0b", 3), "c\\.d\"1e400"}));
+    EXPECT_EQ(policy.non_work_browser_url, "file:///usr/share/applications/other.desktop");
   }
-  EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
-                                            "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
-                                            "(skipped)", std::string("a\0b", 3), "c\\.d\"e"}));
-  EXPECT_EQ(policy.non_work_browser_url, "file:///usr/share/applications/other.desktop");
 }
 
 TEST_F(LocalStateTest, FilesThatCannotBeReadStopEarly) {
   EXPECT_EQ(ReadLocalStatePolicy(base::FilePath()).status, LocalStateStatus::kNotReadable);
   EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path "), Error("Local State is not readable.")}));
 
-  log_.Clear();
+  // A directory, and a file beyond the size that is read at all (sparse: it costs nothing).
+  std::string huge = dir_.Child("huge");
+  ASSERT_TRUE(corvane_test::WriteFile(huge, "{}") && truncate(huge.c_str(), kMaxLocalStateBytes + 1) == 0);
   ASSERT_TRUE(corvane_test::MakeDirectories(path_));
-  EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(path_)).status, LocalStateStatus::kReadFailed);
-  EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path " + path_), Info("Local State is readable."),
-                                             Error("Failed to read Local State data.")}));
+  for (const std::string& path : {path_, huge}) {
+    log_.Clear();
+    EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(path)).status, LocalStateStatus::kReadFailed);
+    EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path " + path), Info("Local State is readable."),
+                                               Error("Failed to read Local State data.")}));
+  }
 }
 
 TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
@@ -83,6 +96,10 @@ TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
       "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
       std::string(R"({"browser": {"browserPathForNonWorkLinks": "file:///b)") + "\xff\xfe\"}}",
       "{\"a\": \"\xc3\"}", "42", R"("kel_prefs")", "true", "null",
+      // Beside numbers beyond range, which are fine, the malformed ones still fail; so does too deep a nesting.
+      R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})", R"({"a": 1e400, "b": 12x})",
+      "{\"a\": 1e400, \"b\": \"\xff\"}", std::string(10000, '[') + std::string(10000, ']'),
+      "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}", "\xEF\xBB{}",
   };
   const std::string prefix = "Failed to parse Local State data. Error : ";
   for (const std::string& json : documents) {

@@ -3,6 +3,7 @@
 #include "base/logging.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -139,6 +140,24 @@ TEST_F(LoggingProcessTest, DestinationsAndTheLogFilesLifeCycle) {
   EXPECT_EQ(std::regex_replace(corvane_test::ReadFile(late), line, ""), "after created\nappended\n");
   EXPECT_EQ(std::regex_replace(corvane_test::ReadFile(path_), line, ""), "second\n");
   EXPECT_EQ(std::regex_replace(corvane_test::ReadFile(old), line, ""), "fresh\n");
+}
+
+TEST_F(LoggingProcessTest, StderrThatIsAClosedPipeEndsNeitherTheProcessNorTheFile) {
+  EXPECT_EXIT(
+      {
+        signal(SIGPIPE, SIG_DFL);
+        int ends[2];
+        if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) _exit(4);
+        close(ends[0]);
+        close(ends[1]);
+        logging::InitializeLogging({logging::kLogToFile | logging::kLogToStderr, path_.c_str()});
+        LOG(ERROR) << "into a closed pipe";
+        LOG(INFO) << "still here";
+        _exit(0);  // a SIGPIPE left pending would have struck when unblocked
+      },
+      ::testing::ExitedWithCode(0), "");
+  const std::regex line("\\[[^\n]*\\] ");
+  EXPECT_EQ(std::regex_replace(corvane_test::ReadFile(path_), line, ""), "into a closed pipe\nstill here\n");
 }
 
 TEST_F(LoggingProcessTest, FatalWritesTheLineThenTrapsAndANullPathIsAnAssertion) {
