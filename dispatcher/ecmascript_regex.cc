@@ -927,14 +927,18 @@ class Emitter {
     // PCRE2 restores only the groups below the highest one set when the call
     // began, so an empty group numbered above the copy is set before each
     // call.
-    std::string name = "r" + std::to_string(++subroutine_count_);
-    out_ += "(?(DEFINE)(?<" + name + ">";
+    std::string name = std::to_string(++subroutine_count_);
+    out_ += "(?(DEFINE)(?<r";
+    out_ += name;
+    out_ += '>';
     ++emitted_count_;
     Write(node.child);
     out_ += "))";
     uint32_t rest_max = node.max == kInfinite ? kInfinite : node.max - 1;
     if (node.min == 0) out_ += "(?:";
-    out_ += "(?:()(?&" + name + "))";
+    out_ += "(?:()(?&r";
+    out_ += name;
+    out_ += "))";
     ++emitted_count_;
     Quantifier(out_, node.min == 0 ? 0 : node.min - 1, rest_max, node.flag);
     out_ += "(?:";

@@ -79,7 +79,10 @@ class Generator {
 
   std::string Disjunction(int depth) {
     std::string text = Alternative(depth);
-    while (Chance(20)) text += "|" + Alternative(depth);
+    while (Chance(20)) {
+      text += '|';
+      text += Alternative(depth);
+    }
     return text;
   }
   std::string Alternative(int depth) {
@@ -93,7 +96,9 @@ class Generator {
     if (roll < 12) return Pick({"\\b", "\\B"});
     if (roll < 20 && depth < 4) {
       scopes_.push_back(groups_);
-      std::string text = Pick({"(?=", "(?!"}) + Disjunction(depth + 1) + ")";
+      std::string text = Pick({"(?=", "(?!"});
+      text += Disjunction(depth + 1);
+      text += ')';
       scopes_.pop_back();
       return text;
     }
@@ -111,13 +116,21 @@ class Generator {
                    "[a-c]", "[]", "[^]", "[\\w-]", "[\\W\\S]", "[[:alpha:]_]", "[z-a]", "\\n",
                    "\\x61", "\\u0162", "\\0", "\\-", "\\cA", "[^\\n\\r]", "\\p", "(?<=a)", "\\1"});
     }
-    if (roll < 55) {
-      ++groups_;
-      return "(" + Disjunction(depth + 1) + ")";
+    std::string text;
+    if (roll < 65) {
+      // A group of either kind.
+      if (roll < 55) ++groups_;
+      text = roll < 55 ? "(" : "(?:";
+      text += Disjunction(depth + 1);
+      text += ')';
+      return text;
     }
-    if (roll < 65) return "(?:" + Disjunction(depth + 1) + ")";
     int available = groups_ - scopes_.back();
-    if (roll < 85 && available > 0) return "\\" + std::to_string(1 + Below(available));
+    if (roll < 85 && available > 0) {
+      text = '\\';
+      text += std::to_string(1 + Below(available));
+      return text;
+    }
     return Pick({"a", "b"});
   }
 
