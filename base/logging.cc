@@ -222,7 +222,8 @@ struct ThreadStream {
   ~ThreadStream() { t_stream_state = ThreadStreamState::kGone; }
   internal::LineStream stream;
   // The last statement's part of the prefix: a loop that logs repeats it.
-  const char* file = nullptr;
+  // The file name is compared by its text, which a caller may change.
+  std::string file;
   int line = 0;
   LogSeverity severity = 0;
   std::string statement;
@@ -381,8 +382,8 @@ LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
   if (!thread_stream) {
     AppendStatement(&text, severity_, file_, line_);
   } else {
-    if (thread_stream->file != file_ || thread_stream->line != line_ ||
-        thread_stream->severity != severity_) {
+    if (thread_stream->line != line_ || thread_stream->severity != severity_ ||
+        thread_stream->statement.empty() || thread_stream->file != file_) {
       thread_stream->statement.clear();
       AppendStatement(&thread_stream->statement, severity_, file_, line_);
       thread_stream->file = file_;
