@@ -65,6 +65,7 @@ class RecordingServer {
     char buffer[65536];
     for (ssize_t n; request.find("\r\n\r\n") == std::string::npos && (n = read(fd, buffer, sizeof buffer)) > 0;)
       request.append(buffer, n);
+    if (!request.starts_with("GET ")) return (void)close(fd);  // a connection opened ahead and left unused
     std::string target = request.substr(4, request.find(' ', 4) - 4);
     std::string browser = request.find("Firefox/") != std::string::npos ? "firefox " : "chromium ";
     if (target.starts_with("/fragment?")) {  // the page's own percent-encoding of its location, undone
@@ -74,7 +75,7 @@ class RecordingServer {
         i += escape ? 2 : 0;
       }
     }
-    if (request.starts_with("GET ") && target != "/favicon.ico") {
+    if (target != "/favicon.ico") {
       std::lock_guard<std::mutex> lock(mutex_);
       seen_.push_back(browser + (report.empty() ? target : report));
     }
@@ -82,7 +83,7 @@ class RecordingServer {
                        "encodeURIComponent(location.pathname + location.search + location.hash));</script>";
     std::string response = "HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: " +
                            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
-    ssize_t ignored = request.starts_with("GET ") ? write(fd, response.data(), response.size()) : 0;
+    ssize_t ignored = write(fd, response.data(), response.size());
     (void)ignored;
     close(fd);
   }
