@@ -22,84 +22,77 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kWorkBrowser[] = "file:///work-browser.desktop";
 
-// Records each request with the counter it saw and completes it on a thread of its own once released; opens in
-// "file:///" fail. Read `requests` only while no completion runs.
-class ScriptedWorkspace : public Workspace {
+// Records each request with the counter it saw and, once released, completes it on a thread of its own, in no
+// particular order; opens in "file:///" fail. Read `requests` only while no completion runs.
+class ScriptedWorkspace : public Workspace, public ApplicationShell {
  public:
-  bool can_open = true, hold = true;
-  AppDelegate* delegate = nullptr;
-  int lookups = 0;
-  std::vector<std::pair<std::string, int32_t>> requests;
-
+  explicit ScriptedWorkspace(const AppDelegate& delegate) : delegate_(delegate) {}
+  ~ScriptedWorkspace() override {  // the termination worker must be done before the delegate goes
+    Release();
+    for (auto end = Clock::now() + 30s; (running_ > 0 || (delegate_.isDispatcherTerminating() && !terminations)) &&
+                                        Clock::now() < end;)
+      std::this_thread::sleep_for(1ms);
+  }
   bool CanOpenUrls() override { return can_open; }
   std::optional<Url> WorkBrowserLocation() override { ++lookups; return kWorkBrowser; }
   bool StartsThisDispatcher(const Url&) override { return false; }
   void OpenUrl(const Url&, const std::optional<Url>& application, Completion done) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    requests.emplace_back(application ? application->spec : "", delegate->launchCounter());
+    requests.emplace_back(application ? application->spec : "", delegate_.launchCounter());
     held_.emplace_back(std::move(done), requests.back().first != "file:///");
-    if (!hold) ReleaseLocked();
+    if (!hold_) ReleaseLocked();
+  }
+  void Terminate() override {
+    terminated_at = Clock::now();
+    ++terminations;  // publishes terminated_at
   }
   void Release() {
     std::lock_guard<std::mutex> lock(mutex_);
-    hold = false;
+    hold_ = false;
     ReleaseLocked();
   }
-  void WaitForCompletions() {  // completions may start retries, which count before their first ends
-    while (running_ > 0) std::this_thread::sleep_for(1ms);
+  bool WaitForTermination(std::chrono::milliseconds limit) {
+    for (auto end = Clock::now() + limit; terminations == 0 && Clock::now() < end;) std::this_thread::sleep_for(5ms);
+    return terminations > 0;
   }
+
+  bool can_open = true;
+  int lookups = 0;
+  std::vector<std::pair<std::string, int32_t>> requests;  // application, counter
+  std::atomic<int> terminations{0}, running_{0};  // completions may start retries, which count before their first ends
+  Clock::time_point terminated_at;
 
  private:
   void ReleaseLocked() {
     for (auto& [done, succeeded] : held_) {
       ++running_;
-      auto delay = std::chrono::microseconds(++released_ * 7919 % 2000);  // in no particular order
-      std::thread([this, done = std::move(done), succeeded = succeeded, delay] {
-        std::this_thread::sleep_for(delay);
-        done(succeeded);
+      std::thread([this, done = std::move(done), ok = succeeded, delay = ++released_ * 7919 % 2000] {
+        std::this_thread::sleep_for(std::chrono::microseconds(delay));
+        done(ok);
         --running_;
       }).detach();
     }
     held_.clear();
   }
 
+  const AppDelegate& delegate_;
   std::mutex mutex_;
+  bool hold_ = true;
   int released_ = 0;
-  std::atomic<int> running_{0};
   std::vector<std::pair<Completion, bool>> held_;
 };
 
-class AppDelegateTest : public ::testing::Test, public ApplicationShell {
+class AppDelegateTest : public ::testing::Test {
  protected:
-  AppDelegateTest() {
-    workspace_.delegate = &delegate_;
-    delegate_.setPolicyUrls(PolicyRules{{true, {{true, "*.corp.test/*"}}}});
-  }
-  ~AppDelegateTest() override {  // the termination worker must be done before the delegate goes
-    if (delegate_.isDispatcherTerminating()) {
-      workspace_.Release();
-      EXPECT_TRUE(WaitForTermination(30s));
-    }
-    workspace_.WaitForCompletions();
-  }
-  void Terminate() override {
-    terminated_at_ = Clock::now();
-    ++terminations_;  // publishes terminated_at_
-  }
-  bool WaitForTermination(std::chrono::milliseconds limit) {
-    for (auto end = Clock::now() + limit; terminations_ == 0 && Clock::now() < end;) std::this_thread::sleep_for(5ms);
-    return terminations_ > 0;
-  }
+  AppDelegateTest() { delegate_.setPolicyUrls(PolicyRules{{true, {{true, "*.corp.test/*"}}}}); }
   size_t Count(const std::string& message) {
     std::vector<corvane_test::Line> lines = log_.lines();
     return std::count_if(lines.begin(), lines.end(), [&](auto& line) { return line.message == message; });
   }
 
   corvane_test::LogCapture log_;
-  ScriptedWorkspace workspace_;
-  std::atomic<int> terminations_{0};
-  Clock::time_point terminated_at_;
-  AppDelegate delegate_{workspace_, *this};
+  AppDelegate delegate_{workspace_, workspace_};
+  ScriptedWorkspace workspace_{delegate_};
 };
 
 TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOpenFailuresAreRetriedInTheWorkBrowserAndTheEndWaitsForTheLast) {
@@ -114,15 +107,15 @@ TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOpenFailuresAreRetriedInTheWork
   for (int i = 0; i < 151; ++i) EXPECT_EQ(requests[i].second, i + 1);
   EXPECT_EQ(workspace_.lookups, 151) << "looked up afresh for every URL";
 
-  EXPECT_FALSE(WaitForTermination(2600ms));
+  EXPECT_FALSE(workspace_.WaitForTermination(2600ms));
   auto released = Clock::now();
   workspace_.Release();
-  ASSERT_TRUE(WaitForTermination(30s));
-  EXPECT_GE(terminated_at_ - start, 2s);
-  EXPECT_GE(terminated_at_, released);
-  workspace_.WaitForCompletions();
+  ASSERT_TRUE(workspace_.WaitForTermination(30s));
+  EXPECT_GE(workspace_.terminated_at - start, 2s);
+  EXPECT_GE(workspace_.terminated_at, released);
   std::this_thread::sleep_for(300ms);
-  EXPECT_EQ(terminations_, 1);
+  while (workspace_.running_ > 0) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(workspace_.terminations, 1);
   EXPECT_EQ(delegate_.launchCounter(), 0);
   // 50 work URLs open once; 101 others fail once in the non-work browser and are retried, silently, in the work one.
   EXPECT_EQ(requests.size(), 252u);
