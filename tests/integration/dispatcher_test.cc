@@ -129,24 +129,26 @@ class DispatcherTest : public ::testing::Test {
 };
 
 TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlToTheWorkBrowserWithoutPolicy) {
+  const std::string kPath = "INFO Local State Path " + local_state_, kUnreadable = "ERROR Local State is not readable.";
+  const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
   ProcessResult result = Run({"--help", kOtherUrl, kWorkUrl}, Options());
   std::string file = ReadFile(log_file_);
-  EXPECT_EQ(Messages(file), (Strings{kBanner, kLaunching, "INFO Local State Path " + local_state_,
-                                     "ERROR Local State is not readable.",
-                                     "ERROR Refused a command-line argument that is neither a URL nor an existing path: --help",
-                                     std::string("INFO Corvane Dispatcher received urls - [ ") + kOtherUrl + ", " + kWorkUrl +
-                                         " ]", kNoPolicy, kHosted, kNoPolicy, kHosted, kLaunched, kLaunched, kTerminated}));
+  EXPECT_EQ(Messages(file),
+            (Strings{kBanner, kLaunching, kPath, kUnreadable,
+                     "ERROR Refused a command-line argument that is neither a URL nor an existing path: --help",
+                     kReceived + kOtherUrl + ", " + kWorkUrl + " ]", kNoPolicy, kHosted, kNoPolicy, kHosted, kLaunched,
+                     kLaunched, kTerminated}));
   EXPECT_EQ(result.out + result.err, file);
   std::error_code error;  // the file's mode: URLs can carry secrets
   EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0600));
   Strings received;
   for (BrowserRecord& r : WaitForBrowserRecords(Home("records"), 2)) received.push_back(r.name + ": " + r.args.at(0));
-  EXPECT_EQ(Sorted(received), Sorted({std::string("work browser: ") + kOtherUrl, std::string("work browser: ") + kWorkUrl}));
+  EXPECT_EQ(Sorted(received), Sorted({"work browser: " + std::string(kOtherUrl),
+                                      "work browser: " + std::string(kWorkUrl)}));
 
   // An empty delivery ends after the termination task's wait. A log that cannot be written (no folder, which the
   // dispatcher does not make; a full device; a folder in its place) costs no line.
-  const Strings kEmpty = {kBanner, kLaunching, "INFO Local State Path " + local_state_, "ERROR Local State is not readable.",
-                          "INFO Corvane Dispatcher received urls - [  ]", kTerminated};
+  const Strings kEmpty = {kBanner, kLaunching, kPath, kUnreadable, kReceived + " ]", kTerminated};
   ASSERT_EQ(unlink(log_file_.c_str()) + rmdir(Home(".config/Halvard/Corvane/logs").c_str()), 0);
   result = Run({}, Options());
   EXPECT_TRUE(result.seconds >= 2.0 && result.seconds < 8.0) << result.seconds;
@@ -159,7 +161,8 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
 }
 
 TEST_F(DispatcherTest, LogExpiresAt97WholeHoursOfAgeAndAnUndeletableOneGetsAnErrorFirst) {
-  const Strings kFresh = {kBanner, kLaunching}, kUndeletable = {"ERROR Log file deletion after expiry failed!", kBanner};
+  const Strings kFresh = {kBanner, kLaunching};
+  const Strings kUndeletable = {"ERROR Log file deletion after expiry failed!", kBanner};
   // Age, whether the old file stays, its first new lines; last, as one who may write the file but not its folder.
   for (const auto& [age, kept, first] : {std::tuple(97 * 3600, false, kFresh), {(96 * 60 + 59) * 60, true, kFresh},
                                          {-200 * 3600, true, kFresh}, {97 * 3600, true, kUndeletable}}) {
@@ -202,9 +205,9 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
   Strings messages = Messages(log);
   ASSERT_GE(messages.size(), 2u);
   EXPECT_EQ(messages.front() + " " + messages.back(), std::string(kBanner) + " " + kTerminated);
+  const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
   for (auto [message, count] : {std::pair<std::string, size_t>(kBanner, 1), {kTerminated, 1}, {kLaunching, 1},
-                                {kLaunched, urls.size()}, {"INFO Corvane Dispatcher received urls - [ " + lists[0] + " ]", 1},
-                                {"INFO Corvane Dispatcher received urls - [ " + lists[1] + " ]", 1}})
+                                {kReceived + lists[0] + " ]", 1}, {kReceived + lists[1] + " ]", 1}})
     EXPECT_EQ(Count(log, message), count) << message.substr(0, 200);
   Strings received;
   for (BrowserRecord& record : WaitForBrowserRecords(Home("records"), urls.size())) {
@@ -272,7 +275,8 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   EXPECT_FALSE(FileExists(Home("ran")));
 }
 
-const std::string kWork = "work browser", kOther = "other browser", kDbusPersonal = "file://$HOME/org.example.Personal.desktop";
+const std::string kWork = "work browser", kOther = "other browser";
+const std::string kDbusPersonal = "file://$HOME/org.example.Personal.desktop";
 const Strings kRefused = {kIsDispatcher, kNotFound, kLaunched}, kNoWorkBrowser = {kHosted, kFirstFailed, kRetryFailed};
 const Strings kWrapped = {kFound, kLaunched, kLoop, kLaunched};
 const Strings kWorkWrapped = {kHosted, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed};
@@ -304,7 +308,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"LinkToIt", "file://$HOME/bin/linked", "", false, kOtherUrl, kRefused, kWork, 1},
         {"WrapperNamingIt", "file://$HOME/bin/exec-wrapper", "", false, kOtherUrl, kRefused, kWork, 1},
         {"EntryRunningIt", "file://$HOME/runs-us.desktop", "", false, kOtherUrl, kRefused, kWork, 1},
-        {"EntryOfOurName", "file://$HOME/com.halvard.corvane.dispatcher.desktop", "", false, kOtherUrl, kRefused, kWork, 1},
+        {"EntryOfOurName", "file://$HOME/com.halvard.corvane.dispatcher.desktop", "", false, kOtherUrl, kRefused, kWork,
+         1},
         {"WorkEntryRunningIt", "", "$D", false, kWorkUrl, kNoWorkBrowser, "", 1},
         // Not recognised: the dispatcher it starts sees the mark of the launch and routes no further.
         {"Wrapper", "file://$HOME/bin/wrapper", "", false, kOtherUrl, kWrapped, kWork, 2},

@@ -1,12 +1,7 @@
-// Real Chromium and Firefox get their links through the installed dispatcher, made the default browser of a
-// private home, as a user's desktop would hand them over: xdg-open, gio open, and one delivery of several URLs.
-// Run alone with `ctest -L real-browsers`: CTest gives it a virtual display and a session bus of its own. The
-// dispatcher is the one installed under $CORVANE_INSTALLED_PREFIX (the package: /usr), else this build installed
-// into a private prefix.
-//
-// "Exactly" means byte for byte: every URL here is written as browsers send it, except for characters outside
-// ASCII, which both browsers send as the percent-escapes of their UTF-8 bytes (upper-case hex, as the URL
-// standard writes them). A fragment never reaches a server; the tests of the dispatcher binary show it passed on.
+// Real Chromium and Firefox get their links through the installed dispatcher, the default browser of a private home,
+// from xdg-open and gio, byte for byte as browsers send them (characters outside ASCII as upper-case percent-escapes
+// of their UTF-8). Run with `ctest -L real-browsers`, which gives it a virtual display and a session bus. The
+// dispatcher is the one under $CORVANE_INSTALLED_PREFIX (the package: /usr), else this build installed privately.
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -165,7 +160,8 @@ TEST(RealBrowsersTest, LinksReachTheRightRealBrowserByteForByteThroughTheInstall
   auto report = [&] {
     std::string text = ReadFile(log), arrived;
     for (const std::string& seen : server.Seen()) arrived += seen.substr(0, 200) + "\n";
-    return "Arrived so far:\n" + arrived + "End of the session log:\n" + text.substr(text.size() - std::min(text.size(), 5000ul));
+    text = text.substr(text.size() - std::min(text.size(), 5000ul));
+    return "Arrived so far:\n" + arrived + "End of the session log:\n" + text;
   };
 
   // The one-step registration, and the command that shows it.

@@ -1,4 +1,5 @@
-// What the stand-in browser (recorder_browser.cc) recorded about its runs.
+// What the stand-in browser (recorder_browser.cc) recorded about its runs: files of NUL-terminated key and value
+// pairs, renamed into place whole.
 #ifndef TESTS_SUPPORT_BROWSER_RECORD_H_
 #define TESTS_SUPPORT_BROWSER_RECORD_H_
 

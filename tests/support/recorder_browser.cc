@@ -1,10 +1,6 @@
-// A stand-in browser: each run leaves $CORVANE_RECORDER_DIR/<name it was started as>-<pid>.rec, renamed into place
-// whole, of NUL-terminated key and value pairs: "name", "pid", "stdin" (where descriptor 0 leads), "arg" for each
-// argument, byte for byte, "fd" for each other open descriptor, "env:NAME" for a few variables that are set.
-//
-// Started as "--dbus-service NAME" it is a D-Bus-activatable application instead: it takes NAME on the session bus
-// and records the first org.freedesktop.Application.Open call as a run named NAME, with the URIs as arguments and the
-// platform data's tokens as the variables that carry them in an environment.
+// A stand-in browser: each run leaves $CORVANE_RECORDER_DIR/<name it was started as>-<pid>.rec (browser_record.h).
+// Started as "--dbus-service NAME" it is a D-Bus-activatable application: it takes NAME on the session bus and records
+// the first Open call as a run named NAME, with the URIs as arguments and the platform data's tokens as variables.
 #include <dirent.h>
 #include <gio/gio.h>
 #include <stdlib.h>
@@ -52,7 +48,6 @@ void OnMethodCall(GDBusConnection*, const char*, const char*, const char*, const
 int ServeOnce(const char* name) {
   constexpr char kInterface[] =
       "<node><interface name='org.freedesktop.Application'>"
-      "<method name='Activate'><arg type='a{sv}' direction='in'/></method>"
       "<method name='Open'><arg type='as' direction='in'/><arg type='a{sv}' direction='in'/></method>"
       "</interface></node>";
   GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);

@@ -1,5 +1,5 @@
-// What the end-to-end launch tests cannot reach cheaply: where application locations lead, how fresh a launch's mark
-// must be, completions that must never arrive inside OpenUrl, and browsers that must not linger as zombies.
+// What the tests of the dispatcher binary cannot reach cheaply: where locations lead, how fresh a launch's mark must
+// be, completions that never arrive inside OpenUrl, and browsers that must not linger as zombies.
 #include "platform/linux/linux_workspace.h"
 
 #include <glib.h>
@@ -30,21 +30,19 @@ TEST(LinuxWorkspaceTest, LocationsGiveTheirPathAndOnlyLocalFilesCanBeStarted) {
       {"file:/usr/bin/browser", "/usr/bin/browser", "/usr/bin/browser"},
       {"FILE://LocalHost/opt/browser", "/opt/browser", "/opt/browser"},
       {"file:///opt/My%20Browser/run%25", "/opt/My Browser/run%", "/opt/My Browser/run%"},
-      {"file:///opt/%E2%82%AC/semi;colon&$(x)'q", "/opt/\xE2\x82\xAC/semi;colon&$(x)'q", "/opt/\xE2\x82\xAC/semi;colon&$(x)'q"},
+      {"file:///opt/%E2%82%AC/a;b&$(x)'q", "/opt/\xE2\x82\xAC/a;b&$(x)'q", "/opt/\xE2\x82\xAC/a;b&$(x)'q"},
       // A URL's path never includes its query or fragment, nor a trailing "/".
       {"file:///opt/browser?profile=1#top", "/opt/browser", "/opt/browser"},
-      {"file:///opt/%3Fodd%23name/", "/opt/?odd#name", "/opt/?odd#name"},
-      {"file:///opt/a%2Fb", "/opt/a/b", "/opt/a/b"}, {"file:///", "/", "/"}, {"file://", "", none},
+      {"file:///opt/%3Fodd%23name/", "/opt/?odd#name", "/opt/?odd#name"}, {"file:///", "/", "/"}, {"file://", "", none},
       // Without a scheme: the reference is its own absolute form.
       {"/opt/My%20Browser.desktop", "/opt/My Browser.desktop", "/opt/My Browser.desktop"},
       {"//localhost/opt/browser", "/opt/browser", "/opt/browser"}, {"browser.desktop", "browser.desktop", none},
-      {"", "", none}, {"#fragment?/", "", none},
       // Any scheme and host has a path; only local files can be started.
       {"https://example.com/usr/bin/browser", "/usr/bin/browser", none},
-      {"file://server.example/opt/browser", "/opt/browser", none}, {"https://example.com", "", none},
+      {"file://server.example/opt/browser", "/opt/browser", none},
       // No path at all: opaque URLs and escapes that spell no file name.
-      {"mailto:someone@example.com", none, none}, {"file:opt/browser", none, none}, {"file:///opt/a%00b", none, none},
-      {"file:///opt/%FF", none, none}, {"file:///opt/%C3", none, none}, {"file:///a%2", none, none},
+      {"mailto:someone@example.com", none, none}, {"file:///opt/a%00b", none, none}, {"file:///opt/%FF", none, none},
+      {"file:///opt/%C3", none, none}, {"file:///a%2", none, none},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(UrlPath(c.location), c.path) << c.location;

@@ -92,12 +92,13 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
 
   const std::string prefix = "Failed to parse Local State data. Error : ";
   for (const std::string& json : std::vector<std::string>{
-           "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}", "{\"a\": \"\xc3\"}",
-           std::string(R"({"browser": {"browserPathForNonWorkLinks": "file:///b)") + "\xff\xfe\"}}", "42",
+           "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
+           "{\"a\": \"\xc3\"}", std::string(R"({"browser": {"browserPathForNonWorkLinks": ")") + "\xff\xfe\"}}", "42",
            R"("kel_prefs")", "true", "null", std::string(10000, '[') + std::string(10000, ']'),
            // Beside numbers beyond range, which are fine, the malformed ones still fail.
-           R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})", R"({"a": 1e400, "b": 12x})",
-           "{\"a\": 1e400, \"b\": \"\xff\"}", "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}", "\xEF\xBB{}"}) {
+           R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})",
+           R"({"a": 1e400, "b": 12x})", "{\"a\": 1e400, \"b\": \"\xff\"}", "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}",
+           "\xEF\xBB{}"}) {
     SCOPED_TRACE(json.substr(0, 100));
     EXPECT_EQ(Read(json).status, LocalStateStatus::kParseFailed);
     std::vector<Line> lines = log_.lines();
@@ -114,33 +115,34 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
 }
 
 TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStillRead) {
+  const std::optional<std::string> none;
   std::vector<std::tuple<std::string, std::vector<Line>, std::optional<std::string>>> cases = {
-      {"{}", {kNoKelPrefs, kNoBrowser}, std::nullopt},
-      {R"([{"kel_prefs": {"policy": {"browser_urls": []}}}, {"browser": {}}])", {kNoKelPrefs, kNoBrowser}, std::nullopt},
+      {"{}", {kNoKelPrefs, kNoBrowser}, none},
+      {R"([{"kel_prefs": {"policy": {"browser_urls": []}}}, {"browser": {}}])", {kNoKelPrefs, kNoBrowser}, none},
       {R"({"browser": {"browserPathForNonWorkLinks": "file:///opt/b"}})", {kNoKelPrefs, kBrowserRead}, "file:///opt/b"},
-      {R"({"kel_prefs": {"Policy": {"browser_urls": []}}})", {kNoPolicy, kNoBrowser}, std::nullopt},
-      {R"({"kel_prefs": {"policy": {"browser_url": []}}})", {kNoBrowserUrls, kNoBrowser}, std::nullopt},
+      {R"({"kel_prefs": {"Policy": {"browser_urls": []}}})", {kNoPolicy, kNoBrowser}, none},
+      {R"({"kel_prefs": {"policy": {"browser_url": []}}})", {kNoBrowserUrls, kNoBrowser}, none},
       {R"({"kel_prefs": {"policy": {"browser_urls": []}, "browser": {"browserPathForNonWorkLinks": "file:///b"}}})",
-       {kPolicyRead, kNoBrowser}, std::nullopt},
-      {R"({"browser": {"browserPathForNonWorkLink": "x"}})", {kNoKelPrefs, kNoBrowserPath}, std::nullopt},
+       {kPolicyRead, kNoBrowser}, none},
+      {R"({"browser": {"browserPathForNonWorkLink": "x"}})", {kNoKelPrefs, kNoBrowserPath}, none},
       // Repeated keys take their last value; keys are compared unescaped.
       {R"({"kel_prefs": 1, "browser": {"browserPathForNonWorkLinks": "file:///first"}, "kel\u005fprefs":
           {"pol\u0069cy": {"browser_urls": []}}, "\u0062rowser": {"browserPathForNonWorkLinks": "file:\/\/\/last"}})",
        {kPolicyRead, kBrowserRead}, "file:///last"},
       {R"({"x": )" + std::string(500, '[') + std::string(500, ']') + R"(, "kel_prefs": {"policy": {"browser_urls": 0,
-          "browser_urls": []}}})", {kPolicyRead, kNoBrowser}, std::nullopt},
+          "browser_urls": []}}})", {kPolicyRead, kNoBrowser}, none},
   };
   // A level of another JSON type, null included, counts as missing.
   for (const std::string value : {"null", "true", "0", "\"text\"", "[]", "[{}]", "{}"}) {
     if (value != "{}") {
-      cases.push_back({R"({"kel_prefs": )" + value + "}", {kNoKelPrefs, kNoBrowser}, std::nullopt});
-      cases.push_back({R"({"kel_prefs": {"policy": )" + value + "}}", {kNoPolicy, kNoBrowser}, std::nullopt});
-      cases.push_back({R"({"browser": )" + value + "}", {kNoKelPrefs, kNoBrowser}, std::nullopt});
+      cases.push_back({R"({"kel_prefs": )" + value + "}", {kNoKelPrefs, kNoBrowser}, none});
+      cases.push_back({R"({"kel_prefs": {"policy": )" + value + "}}", {kNoPolicy, kNoBrowser}, none});
+      cases.push_back({R"({"browser": )" + value + "}", {kNoKelPrefs, kNoBrowser}, none});
     }
-    if (value[0] != '[')
-      cases.push_back({R"({"kel_prefs": {"policy": {"browser_urls": )" + value + "}}}", {kNoBrowserUrls, kNoBrowser}, {}});
-    if (value[0] != '"')
-      cases.push_back({R"({"browser": {"browserPathForNonWorkLinks": )" + value + "}}", {kNoKelPrefs, kNoBrowserPath}, {}});
+    std::string urls = R"({"kel_prefs": {"policy": {"browser_urls": )";
+    std::string path = R"({"browser": {"browserPathForNonWorkLinks": )";
+    if (value[0] != '[') cases.push_back({urls + value + "}}}", {kNoBrowserUrls, kNoBrowser}, none});
+    if (value[0] != '"') cases.push_back({path + value + "}}", {kNoKelPrefs, kNoBrowserPath}, none});
   }
   // Only a well-formed URL is kept as the non-work browser, but its line stands anyway.
   for (const auto& [text, kept] : std::vector<std::pair<std::string, bool>>{  // as written in JSON
@@ -150,8 +152,9 @@ TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStill
            {"/opt/My Browser/run", false}, {"file:///a%2", false}, {"file:///a%zz", false}, {"http://h/<p>", false},
            {R"(http://h/a\\b)", false}, {"http://h/\xC3\xA9", false}, {R"(http://h/\u0000)", false},
            {"http://h/#a#b", false}, {"1http://h/", false}, {"ht_tp://h/", false}, {":no-scheme", false}}) {
-    std::optional<std::string> url = kept ? std::optional(text) : std::nullopt;
-    cases.push_back({R"({"browser": {"browserPathForNonWorkLinks": ")" + text + "\"}}", {kNoKelPrefs, kBrowserRead}, url});
+    std::optional<std::string> url = kept ? std::optional(text) : none;
+    cases.push_back({R"({"browser": {"browserPathForNonWorkLinks": ")" + text + "\"}}", {kNoKelPrefs, kBrowserRead},
+                     url});
   }
   for (const auto& [json, lines, browser] : cases) {
     SCOPED_TRACE(json.substr(0, 200));
