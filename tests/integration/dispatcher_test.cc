@@ -72,8 +72,10 @@ class DispatcherTest : public ::testing::Test {
                                "B 100%", "Entry", "bin"})
       ASSERT_TRUE(MakeDirectories(Home(folder)));
     // The program's folder needs escapes in a URL; GIO refuses a "%" in the program path of an entry.
-    for (const char* link : {"B 100%/other browser", "Entry/work browser", "Entry/other browser", "bin/linked"})
-      ASSERT_EQ(symlink(link[0] == 'b' ? CORVANE_DISPATCHER_BINARY : CORVANE_RECORDER_BROWSER, Home(link).c_str()), 0);
+    for (auto [link, target] : {std::pair("B 100%/other browser", CORVANE_RECORDER_BROWSER),
+                                {"Entry/work browser", CORVANE_RECORDER_BROWSER},
+                                {"Entry/other browser", CORVANE_RECORDER_BROWSER}, {"bin/linked", CORVANE_DISPATCHER_BINARY}})
+      ASSERT_EQ(symlink(target, Home(link).c_str()), 0);
     const std::string other = Home("Entry/other browser");
     for (const auto& [path, text] : std::vector<std::pair<std::string, std::string>>{
              {work_entry_, Entry(Home("Entry/work browser"))}, {Home("other browser.desktop"), Entry(other)},
