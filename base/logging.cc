@@ -58,23 +58,211 @@ bool OpenLogFileLocked() {
   return true;
 }
 
-// True when standard error leads nowhere useful (the null device), so that
-// the line should also go to the system log.
-bool StderrIsNullDevice() {
+// What standard error is, looked at once a second per thread rather than for
+// every line (a line costs two writes, the looks three more system calls).
+struct StderrKind {
+  time_t second = -1;       // when it was looked at; -1: not yet
+  bool null_device = true;  // leads nowhere useful: lines also go to the system log
+  bool may_raise_sigpipe = true;  // a pipe or a socket
+};
+thread_local StderrKind t_stderr_kind;
+
+// A forked child may redirect standard error at once: it looks again.
+void ForgetStderrKind() { t_stderr_kind.second = -1; }
+
+const StderrKind& CurrentStderrKind(time_t now) {
+  static const int registered = pthread_atfork(nullptr, nullptr, &ForgetStderrKind);
+  (void)registered;
+  StderrKind& kind = t_stderr_kind;
+  if (kind.second == now) return kind;
+  kind.second = now;
+  kind.null_device = true;
+  kind.may_raise_sigpipe = true;
   struct stat err_stat;
-  if (fstat(STDERR_FILENO, &err_stat) != 0) return true;
-  if (!S_ISCHR(err_stat.st_mode)) return false;
+  if (fstat(STDERR_FILENO, &err_stat) != 0) return kind;
+  kind.may_raise_sigpipe = S_ISFIFO(err_stat.st_mode) || S_ISSOCK(err_stat.st_mode);
   struct stat null_stat;
-  if (stat("/dev/null", &null_stat) != 0 || !S_ISCHR(null_stat.st_mode)) return true;
-  return err_stat.st_rdev == null_stat.st_rdev;
+  if (!S_ISCHR(err_stat.st_mode)) {
+    kind.null_device = false;
+  } else if (stat("/dev/null", &null_stat) == 0 && S_ISCHR(null_stat.st_mode)) {
+    kind.null_device = err_stat.st_rdev == null_stat.st_rdev;
+  }
+  return kind;
+}
+
+// The local date and time to the second, "MMDD/HHMMSS", worked out once a
+// second per thread. glibc's localtime_r follows a new time zone only after
+// tzset(), whose results it keys on as well.
+struct SecondStamp {
+  long long second = -1;
+#if defined(__GLIBC__)
+  long zone = 0;
+  int daylight = 0;
+  const char* names[2] = {nullptr, nullptr};
+#endif
+  char text[64] = {};
+};
+thread_local SecondStamp t_second_stamp;
+
+const char* LocalSecond(time_t now) {
+  SecondStamp& stamp = t_second_stamp;
+#if defined(__GLIBC__)
+  bool same_zone = stamp.zone == ::timezone && stamp.daylight == ::daylight &&
+                   stamp.names[0] == ::tzname[0] && stamp.names[1] == ::tzname[1];
+#else
+  bool same_zone = true;
+#endif
+  if (stamp.second == now && same_zone) return stamp.text;
+  struct tm local;
+  localtime_r(&now, &local);
+  snprintf(stamp.text, sizeof(stamp.text), "%02d%02d/%02d%02d%02d", local.tm_mon + 1,
+           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  stamp.second = now;
+#if defined(__GLIBC__)
+  // Read after localtime_r, which runs tzset once if nothing has.
+  stamp.zone = ::timezone;
+  stamp.daylight = ::daylight;
+  stamp.names[0] = ::tzname[0];
+  stamp.names[1] = ::tzname[1];
+#endif
+  return stamp.text;
+}
+
+}  // namespace
+
+namespace internal {
+
+// Builds a line in a string that keeps its capacity from line to line.
+class LineStream : public std::ostream {
+ public:
+  LineStream() : std::ostream(nullptr) {
+    rdbuf(&buffer_);
+    initial_flags_ = flags();
+  }
+  std::string& text() { return buffer_.text; }
+  // Empty, with the formatting a new stream has.
+  void Reset() {
+    buffer_.text.clear();
+    clear();
+    flags(initial_flags_);
+    precision(6);
+    width(0);
+    fill(' ');
+  }
+
+ private:
+  class Buffer : public std::streambuf {
+   public:
+    std::string text;
+
+   protected:
+    int_type overflow(int_type c) override {
+      if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        text.push_back(traits_type::to_char_type(c));
+      }
+      return traits_type::not_eof(c);
+    }
+    std::streamsize xsputn(const char* s, std::streamsize n) override {
+      text.append(s, static_cast<size_t>(n));
+      return n;
+    }
+  };
+  Buffer buffer_;
+  std::ios_base::fmtflags initial_flags_;
+};
+
+}  // namespace internal
+
+namespace {
+
+// Each thread's stream, made on its first line. Lines logged after it is
+// gone (while the thread or the process ends) get a stream of their own.
+enum class ThreadStreamState : int { kNone, kAlive, kGone };
+thread_local ThreadStreamState t_stream_state = ThreadStreamState::kNone;
+thread_local bool t_stream_in_use = false;
+
+const char* BaseName(const char* file) {
+  const char* p = file + strlen(file);
+  while (p > file && p[-1] != '/' && p[-1] != '\\') --p;
+  return p;
+}
+
+void AppendDecimal(std::string* out, unsigned long value, int min_digits) {
+  char digits[24];
+  char* end = digits + sizeof(digits);
+  char* p = end;
+  do {
+    *--p = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value > 0);
+  while (end - p < min_digits) *--p = '0';
+  out->append(p, static_cast<size_t>(end - p));
+}
+
+// ":SEVERITY:file(line)] ", the part of the prefix that a statement repeats.
+void AppendStatement(std::string* out, LogSeverity severity, const char* file, int line) {
+  *out += ':';
+  switch (severity) {
+    case LOG_INFO: *out += "INFO"; break;
+    case LOG_WARNING: *out += "WARNING"; break;
+    case LOG_ERROR: *out += "ERROR"; break;
+    case LOG_FATAL: *out += "FATAL"; break;
+    default: *out += SeverityName(severity); break;
+  }
+  *out += ':';
+  *out += BaseName(file);
+  *out += '(';
+  if (line < 0) *out += '-';
+  AppendDecimal(out, line < 0 ? 0ul - static_cast<unsigned long>(line) : static_cast<unsigned long>(line), 1);
+  *out += ")] ";
+}
+
+struct ThreadStream {
+  ThreadStream() { t_stream_state = ThreadStreamState::kAlive; }
+  ~ThreadStream() { t_stream_state = ThreadStreamState::kGone; }
+  internal::LineStream stream;
+  // The last statement's part of the prefix: a loop that logs repeats it.
+  // The file name is compared by its text, which a caller may change.
+  std::string file;
+  int line = 0;
+  LogSeverity severity = 0;
+  std::string statement;
+};
+
+ThreadStream* TakeThreadStream() {
+  if (t_stream_in_use || t_stream_state == ThreadStreamState::kGone) return nullptr;
+  thread_local ThreadStream thread_stream;
+  t_stream_in_use = true;
+  thread_stream.stream.Reset();
+  return &thread_stream;
+}
+
+// Writes all of `line` unless the descriptor fails.
+void WriteAll(int fd, const std::string& line) {
+  const char* data = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    ssize_t written = write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
 }
 
 // A standard error that is a closed pipe must not end the process: the
 // write fails with EPIPE instead. Linux raises SIGPIPE on the writing thread,
 // where it is blocked around the write and then consumed. macOS raises it for
 // the whole process, where any other thread could take it, so there the
-// descriptor is told not to raise it at all.
-void WriteToStderr(const std::string& line) {
+// descriptor is told not to raise it at all. Only a pipe or a socket raises
+// it.
+void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
+  if (!may_raise_sigpipe) {
+    WriteAll(STDERR_FILENO, line);
+    return;
+  }
 #if defined(F_SETNOSIGPIPE)
   fcntl(STDERR_FILENO, F_SETNOSIGPIPE, 1);
 #endif
@@ -116,17 +304,10 @@ void WriteToLogFile(const std::string& line) {
     if (!(g_destinations & kLogToFile)) return;
     if (!OpenLogFileLocked()) return;
   }
-  fwrite(line.data(), 1, line.size(), g_log_file);
-  fflush(g_log_file);
+  // Straight to the descriptor: every line is written whole at once anyway.
+  WriteAll(fileno(g_log_file), line);
 }
 
-const char* BaseName(const char* file) {
-  const char* base = file;
-  for (const char* p = file; *p; ++p) {
-    if (*p == '/' || *p == '\\') base = p + 1;
-  }
-  return base;
-}
 
 }  // namespace
 
@@ -182,39 +363,65 @@ std::string SeverityName(LogSeverity severity) {
 LogMessage::LogMessage(const char* file, int line, LogSeverity severity)
     : severity_(severity), file_(file), line_(line), saved_errno_(errno) {
   errno = 0;
+  ThreadStream* thread_stream = TakeThreadStream();
+  if (thread_stream) {
+    stream_ = &thread_stream->stream;
+  } else {
+    stream_ = new internal::LineStream;
+    owns_stream_ = true;
+  }
   struct timeval tv;
   gettimeofday(&tv, nullptr);
   time_t seconds = tv.tv_sec;
-  struct tm local;
-  localtime_r(&seconds, &local);
-  char timestamp[32];
-  snprintf(timestamp, sizeof(timestamp), "%02d%02d/%02d%02d%02d.%06ld", local.tm_mon + 1,
-           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<long>(tv.tv_usec));
-  stream_ << '[' << timestamp << ':' << SeverityName(severity_) << ':' << BaseName(file_) << '('
-          << line_ << ")] ";
-  message_start_ = static_cast<size_t>(stream_.tellp());
+  second_ = seconds;
+  std::string& text = stream_->text();
+  text += '[';
+  text += LocalSecond(seconds);
+  text += '.';
+  AppendDecimal(&text, static_cast<unsigned long>(tv.tv_usec), 6);
+  if (!thread_stream) {
+    AppendStatement(&text, severity_, file_, line_);
+  } else {
+    if (thread_stream->line != line_ || thread_stream->severity != severity_ ||
+        thread_stream->statement.empty() || thread_stream->file != file_) {
+      thread_stream->statement.clear();
+      AppendStatement(&thread_stream->statement, severity_, file_, line_);
+      thread_stream->file = file_;
+      thread_stream->line = line_;
+      thread_stream->severity = severity_;
+    }
+    text += thread_stream->statement;
+  }
+  message_start_ = text.size();
 }
 
 LogMessage::~LogMessage() {
   Emit();
+  if (owns_stream_) {
+    delete stream_;
+  } else {
+    t_stream_in_use = false;
+  }
   errno = saved_errno_;
 }
 
+std::ostream& LogMessage::stream() { return *stream_; }
+
 void LogMessage::Emit() {
-  stream_ << '\n';
-  const std::string line = stream_.str();
+  std::string& line = stream_->text();
+  line += '\n';
 
   if (g_message_handler &&
       g_message_handler(severity_, file_, line_, message_start_, line)) {
     // The handler took the line.
   } else {
-    if ((g_destinations & kLogToSystemLog) && StderrIsNullDevice()) {
+    const StderrKind& stderr_kind = CurrentStderrKind(second_);
+    if ((g_destinations & kLogToSystemLog) && stderr_kind.null_device) {
       internal::WriteToSystemLog(severity_, line);
     }
     if ((g_destinations & kLogToStderr) ||
         (severity_ >= LOG_ERROR && (g_destinations & ~kLogToFile) == 0)) {
-      WriteToStderr(line);
+      WriteToStderr(line, stderr_kind.may_raise_sigpipe);
     }
     if (g_destinations & kLogToFile) WriteToLogFile(line);
   }

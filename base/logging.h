@@ -60,6 +60,10 @@ void SetLogMessageHandler(LogMessageHandler handler);
 // above, VERBOSE<n> for -n.
 std::string SeverityName(LogSeverity severity);
 
+namespace internal {
+class LineStream;
+}  // namespace internal
+
 // One log statement. Saves errno at construction and restores it after the
 // line has been emitted, so logging never disturbs the caller's errno.
 class LogMessage {
@@ -69,7 +73,7 @@ class LogMessage {
   LogMessage(const LogMessage&) = delete;
   LogMessage& operator=(const LogMessage&) = delete;
 
-  std::ostream& stream() { return stream_; }
+  std::ostream& stream();
 
  private:
   void Emit();
@@ -77,9 +81,13 @@ class LogMessage {
   LogSeverity severity_;
   const char* file_;
   int line_;
-  std::ostringstream stream_;
+  // The thread's stream, reused from line to line; a statement logged while
+  // another is being built gets one of its own.
+  internal::LineStream* stream_;
+  bool owns_stream_ = false;
   size_t message_start_ = 0;
   int saved_errno_;
+  long long second_ = 0;  // of the line's time stamp
 };
 
 // Turns the stream expression of LOG() into void so that it fits the ternary.

@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include "base/logging.h"
 #include "dispatcher/unicode.h"
@@ -24,10 +26,44 @@ constexpr std::string_view kCatchAllPattern = "*/*";
 
 }  // namespace
 
-Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_view url,
-                           InvalidPatternHandling invalid_patterns) {
+// The patterns in the order they are tried, each prepared when first
+// reached.
+struct UrlClassifier::Prepared {
+  std::vector<const std::string*> texts;
+  std::vector<std::optional<internal::PreparedUrlPattern>> patterns;
+  internal::MatchScratch scratch;
+
+  explicit Prepared(const PolicyRules& rules) {
+    size_t count = 0;
+    for (const PolicyRule& rule : rules) count += rule.patterns.size();
+    texts.reserve(count);
+    for (const PolicyRule& rule : rules) {
+      if (!rule.has_patterns) continue;
+      for (const PolicyPattern& pattern : rule.patterns) {
+        if (pattern.is_string && pattern.text != kCatchAllPattern) texts.push_back(&pattern.text);
+      }
+    }
+    patterns.resize(texts.size());
+  }
+
+  const internal::PreparedUrlPattern& At(size_t i) {
+    if (!patterns[i]) patterns[i].emplace(*texts[i]);
+    return *patterns[i];
+  }
+};
+
+UrlClassifier::UrlClassifier(std::optional<PolicyRules> rules) : rules_(std::move(rules)) {
+  if (rules_) prepared_ = std::make_unique<Prepared>(*rules_);
+}
+
+UrlClassifier::~UrlClassifier() = default;
+UrlClassifier::UrlClassifier(UrlClassifier&&) noexcept = default;
+UrlClassifier& UrlClassifier::operator=(UrlClassifier&&) noexcept = default;
+
+Classification UrlClassifier::Classify(std::string_view url,
+                                       InvalidPatternHandling invalid_patterns) {
   Classification result;
-  if (!rules || rules->empty()) {
+  if (!rules_ || rules_->empty()) {
     LOG(ERROR) << "No policy doc URLs found. Re-directing to Corvane.";
     result.is_work = true;
     result.reason = ClassificationReason::kNoPolicy;
@@ -59,35 +95,36 @@ Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_
   if (subject.empty() || subject.back() != '/') subject += '/';
   internal::LoweredSubject lowered(std::move(subject));
 
-  for (const PolicyRule& rule : *rules) {
-    if (!rule.has_patterns) continue;
-    for (const PolicyPattern& pattern : rule.patterns) {
-      if (!pattern.is_string || pattern.text == kCatchAllPattern) continue;
-      LOG(INFO) << "Pattern : " << pattern.text;
-      PatternCheck check;
-      MatchResult match = internal::MatchLoweredSubject(lowered, pattern.text, &check);
-      if (match == MatchResult::kNoMatch) continue;
-      result.is_work = true;
-      result.subject = lowered.TakeText();
-      result.pattern = pattern.text;
-      if (match == MatchResult::kMatch) {
-        result.reason = ClassificationReason::kMatched;
-        return result;
-      }
-      if (invalid_patterns == InvalidPatternHandling::kAbort) {
-        // Policy patterns are trusted; a broken one has no error path.
-        internal::AbortOnInvalidPattern(pattern.text, check);
-      }
-      result.reason = ClassificationReason::kInvalidPattern;
-      result.error = check.error;
-      result.error_offset = check.offset;
+  for (size_t i = 0; i < prepared_->texts.size(); ++i) {
+    LOG(INFO) << "Pattern : " << *prepared_->texts[i];
+    const internal::PreparedUrlPattern& pattern = prepared_->At(i);
+    MatchResult match = pattern.Match(lowered, prepared_->scratch);
+    if (match == MatchResult::kNoMatch) continue;
+    result.is_work = true;
+    result.subject = lowered.TakeText();
+    result.pattern = std::string(pattern.pattern());
+    if (match == MatchResult::kMatch) {
+      result.reason = ClassificationReason::kMatched;
       return result;
     }
+    if (invalid_patterns == InvalidPatternHandling::kAbort) {
+      // Policy patterns are trusted; a broken one has no error path.
+      internal::AbortOnInvalidPattern(*prepared_->texts[i], pattern.check());
+    }
+    result.reason = ClassificationReason::kInvalidPattern;
+    result.error = pattern.check().error;
+    result.error_offset = pattern.check().offset;
+    return result;
   }
   result.is_work = false;
   result.reason = ClassificationReason::kNoMatch;
   result.subject = lowered.TakeText();
   return result;
+}
+
+Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_view url,
+                           InvalidPatternHandling invalid_patterns) {
+  return UrlClassifier(rules).Classify(url, invalid_patterns);
 }
 
 }  // namespace dispatcher

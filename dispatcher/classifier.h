@@ -3,6 +3,7 @@
 #ifndef DISPATCHER_CLASSIFIER_H_
 #define DISPATCHER_CLASSIFIER_H_
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,15 +35,35 @@ struct Classification {
   // The deciding pattern as written in Local State (kMatched,
   // kInvalidPattern).
   std::string pattern;
-  // kInvalidPattern: the expression library's message and the offset in the
+  // kInvalidPattern: what is wrong with the pattern and the offset in the
   // translated expression.
   std::string error;
   size_t error_offset = 0;
 };
 
-// Classifies one URL against the rules, logging as the dispatcher does
+// Classifies URLs against one set of rules, logging as the dispatcher does
 // ("No policy doc URLs found. ..." and one "Pattern : ..." per pattern tried).
-// Ends the process for a URL that is only an allowed scheme and a colon.
+// Each pattern is translated, checked and compiled once, when the first URL
+// reaches it, and kept for later URLs; a pattern behind the first match is
+// not even checked. Ends the process for a URL that is only an allowed scheme
+// and a colon (unless kReport). Not for use by two threads at once.
+class UrlClassifier {
+ public:
+  explicit UrlClassifier(std::optional<PolicyRules> rules);
+  ~UrlClassifier();
+  UrlClassifier(UrlClassifier&&) noexcept;
+  UrlClassifier& operator=(UrlClassifier&&) noexcept;
+
+  const std::optional<PolicyRules>& rules() const { return rules_; }
+  Classification Classify(std::string_view url, InvalidPatternHandling invalid_patterns);
+
+ private:
+  struct Prepared;
+  std::optional<PolicyRules> rules_;
+  std::unique_ptr<Prepared> prepared_;
+};
+
+// One URL against a copy of the rules, with nothing kept.
 Classification ClassifyUrl(const std::optional<PolicyRules>& rules, std::string_view url,
                            InvalidPatternHandling invalid_patterns);
 

@@ -110,7 +110,7 @@ void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin) {
 }
 
 bool AppDelegate::isWorkUrl(const Url& url) {
-  return ClassifyUrl(policyUrls(), url.spec, InvalidPatternHandling::kAbort).is_work;
+  return classifier_.Classify(url.spec, InvalidPatternHandling::kAbort).is_work;
 }
 
 void AppDelegate::readLocalStatePrefs() {
@@ -164,8 +164,10 @@ void AppDelegate::setLaunchCounter(int32_t value) { launch_counter_.store(value)
 void AppDelegate::raiseLaunchCounter() { launch_counter_.fetch_add(1); }
 void AppDelegate::lowerLaunchCounter() { launch_counter_.fetch_sub(1); }
 
-const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return policy_urls_; }
-void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) { policy_urls_ = std::move(rules); }
+const std::optional<PolicyRules>& AppDelegate::policyUrls() const { return classifier_.rules(); }
+void AppDelegate::setPolicyUrls(std::optional<PolicyRules> rules) {
+  classifier_ = UrlClassifier(std::move(rules));
+}
 
 const std::optional<Url>& AppDelegate::nonWorkBrowserPath() const { return non_work_browser_path_; }
 void AppDelegate::setNonWorkBrowserPath(std::optional<Url> location) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "dispatcher/classifier.h"
 #include "dispatcher/policy.h"
 #include "dispatcher/workspace.h"
 
@@ -68,7 +69,8 @@ class AppDelegate {
   ApplicationShell& application_;
 
   std::atomic<int32_t> launch_counter_{0};
-  std::optional<PolicyRules> policy_urls_;
+  // Owns policyUrls and keeps its patterns prepared between URLs.
+  UrlClassifier classifier_{std::nullopt};
   std::optional<Url> non_work_browser_path_;
   std::atomic<bool> is_dispatcher_terminating_{false};
 };

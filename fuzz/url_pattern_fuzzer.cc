@@ -1,5 +1,7 @@
-// Pattern matching on arbitrary input: never crashes, and the wildcard fast
-// path answers exactly as the expression library does.
+// Pattern matching on arbitrary input: never crashes, every valid pattern
+// compiles, and the shortcuts (the wildcard matcher for patterns without
+// operators and the others it recognises, the literal prefix) answer exactly
+// as the expression library does.
 //
 // Input: the pattern, a NUL byte, then the subject.
 #include <cstddef>
@@ -7,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string>
 
 #include "base/logging.h"
@@ -29,43 +30,42 @@ bool SwallowLine(int severity, const char*, int, size_t, const std::string&) {
 }
 
 void CheckOne(const std::string& pattern, const std::string& subject) {
+  using dispatcher::MatchResult;
+  dispatcher::internal::PreparedUrlPattern prepared(pattern);
   dispatcher::internal::LoweredSubject lowered(subject);
+  dispatcher::internal::MatchScratch scratch;
+  bool plain = dispatcher::internal::IsPlainUrlPattern(pattern);
+  if (plain && !prepared.is_wildcard()) Fail("plain pattern not matched as a wildcard", pattern, subject);
+  if (!prepared.check().valid) {
+    if (prepared.Match(lowered, scratch) != MatchResult::kInvalidPattern) {
+      Fail("an invalid pattern matched", pattern, subject);
+    }
+    return;
+  }
+
+  // A valid pattern compiles (wildcards and short expressions are judged
+  // valid without compiling), and the wildcard matcher and the literal
+  // prefix agree with the expression library unless it gave up.
+  if (!prepared.ExpressionCompiles()) Fail("a valid pattern does not compile", pattern, subject);
   g_gave_up = false;
-  dispatcher::PatternCheck expression_check;
-  dispatcher::MatchResult expression =
-      dispatcher::internal::ExpressionMatch(lowered, pattern, &expression_check);
-  bool expression_gave_up = g_gave_up;
-  std::optional<bool> plain = dispatcher::internal::PlainPatternMatch(lowered, pattern);
-
-  if (plain) {
-    // A plain pattern must really be valid, and agree unless the library
-    // gave up on it.
-    if (expression == dispatcher::MatchResult::kInvalidPattern) {
-      Fail(("plain pattern rejected: " + expression_check.error).c_str(), pattern, subject);
-    }
-    if (!expression_gave_up && *plain != (expression == dispatcher::MatchResult::kMatch)) {
-      Fail(*plain ? "fast path matched, expression did not" : "expression matched, fast path did not",
-           pattern, subject);
-    }
-  } else if (dispatcher::internal::IsPlainUrlPattern(pattern) &&
-             (!lowered.has_line_break() || pattern.find('*') == std::string::npos)) {
-    Fail("fast path declined a plain pattern", pattern, subject);
+  MatchResult result = prepared.Match(lowered, scratch);
+  bool gave_up = g_gave_up;
+  g_gave_up = false;
+  MatchResult expression = prepared.MatchExpression(lowered, scratch);
+  if (!gave_up && !g_gave_up && result != expression) {
+    Fail(result == MatchResult::kMatch ? "the prepared pattern matched, the expression did not"
+                                       : "the expression matched, the prepared pattern did not",
+         pattern, subject);
   }
-
-  dispatcher::PatternCheck check = dispatcher::CheckUrlPattern(pattern);
-  if (check.valid != (expression != dispatcher::MatchResult::kInvalidPattern)) {
-    Fail("CheckUrlPattern disagrees with the matcher", pattern, subject);
-  }
-  // Giving up costs the whole backtracking budget; once is enough.
-  if (expression_gave_up) return;
-  dispatcher::MatchResult public_result = dispatcher::TryMatchUrlPattern(subject, pattern, nullptr);
-  if (public_result != expression) {
-    Fail("TryMatchUrlPattern disagrees with the expression library", pattern, subject);
+  // Giving up costs the whole budget; once is enough.
+  if (gave_up) return;
+  if (dispatcher::TryMatchUrlPattern(subject, pattern, nullptr) != result) {
+    Fail("TryMatchUrlPattern disagrees with the prepared pattern", pattern, subject);
   }
 }
 
 // Random bytes rarely avoid every operator; the same pattern with its
-// operators replaced exercises the fast path as well.
+// operators replaced exercises the wildcard matcher as well.
 std::string WithoutOperators(std::string pattern) {
   for (char& c : pattern) {
     if (std::strchr("\\^$[]|()?+{}", c) != nullptr && c != '\0') c = 'a';
@@ -76,9 +76,9 @@ std::string WithoutOperators(std::string pattern) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // Catastrophic patterns are common in random input; a small budget lets
-  // them give up quickly. Agreement is only checked where the library did not.
-  dispatcher::internal::SetBacktrackingBudgetForTesting(20000, 4);
+  // Catastrophic patterns are common in random input; low limits let them
+  // give up quickly. Agreement is only checked where the library did not.
+  dispatcher::internal::SetMatchLimitsForTesting(20000, 2000);
   logging::SetLogMessageHandler(&SwallowLine);
   const char* bytes = reinterpret_cast<const char*>(data);
   const void* nul = std::memchr(bytes, '\0', size);

@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjson-dev
-          libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon)
+          libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon
+          clang libc++-14-dev libc++abi-14-dev)
 case "${1:-}" in
   --fuzz) packages+=(clang libclang-rt-14-dev) ;;
   # The Debian package, its checks and the real-browser test (scripts/package.sh).

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/files/file_path.h"
@@ -71,7 +72,7 @@ constexpr char kCheckUsage[] =
     "Reads Local State exactly as the dispatcher does at launch, prints the lines\n"
     "the dispatcher would log for it, then every rule and pattern with its\n"
     "status: ok, skipped (no patterns), skipped (not a string), reserved */*, or\n"
-    "invalid expression with the expression library's message and offset.\n"
+    "invalid expression with the reason and its offset in the translation.\n"
     "\n"
     "Options:\n"
     "  --local-state PATH  the Local State file (default: the dispatcher's own)\n"
@@ -237,10 +238,10 @@ struct Explanation {
   size_t offset = 0;
 };
 
-Explanation Explain(const std::optional<dispatcher::PolicyRules>& rules, const std::string& url) {
+Explanation Explain(dispatcher::UrlClassifier& classifier, const std::string& url) {
   Explanation result;
   dispatcher::Classification c =
-      dispatcher::ClassifyUrl(rules, url, dispatcher::InvalidPatternHandling::kReport);
+      classifier.Classify(url, dispatcher::InvalidPatternHandling::kReport);
   switch (c.reason) {
     case dispatcher::ClassificationReason::kNoPolicy:
       result.reason = "no policy";
@@ -326,9 +327,14 @@ int RunExplain(const Options& options) {
              "); the dispatcher treats every URL as a work URL");
   }
 
+  // The classifier's "Pattern : " lines are not shown: do not even format
+  // them. Patterns are prepared once, for all the URLs, as the dispatcher
+  // does.
+  logging::SetMinimumLogLevel(logging::LOG_WARNING);
+  dispatcher::UrlClassifier classifier(std::move(policy.policy_urls));
   int status = kExitOk;
   for (const std::string& url : urls) {
-    Explanation e = Explain(policy.policy_urls, url);
+    Explanation e = Explain(classifier, url);
     std::string out;
     if (options.json) {
       out = "{\"url\":" + JsonString(url) + ",\"decision\":" + JsonString(e.decision) +

@@ -82,8 +82,11 @@ TEST_F(PolicyToolTest, CheckShowsWhatTheDispatcherWouldDoAndExitsOneIfItCannotRu
                         "rule 1 pattern 3: reserved */* \"*/*\" (never matched)\nrule 2: skipped (no patterns)\n"
                         "non-work browser: file:///o\n\nThe dispatcher would run with this policy.\n"},
            {"[1,", 1, "\n\nLocal State cannot be used: every URL opens in the work browser.\n"},
-           {R"({"kel_prefs": {"policy": {"browser_urls": [{"patterns": ["x)/*"]}]}}})", 1,
-            "\n\n1 invalid pattern(s): the dispatcher would end when it reaches one.\n"}}) {
+           // Valid for PCRE2, not in the ECMAScript grammar.
+           {R"({"kel_prefs": {"policy": {"browser_urls": [{"patterns": ["corp.test/{1"]}]}}})", 1,
+            "rule 1 pattern 1: invalid expression \"corp.test/{1\" -> \"corp\\\\.test/{1\": a repetition "
+            "count is {n}, {n,} or {n,m} at offset 13\nnon-work browser: none (other URLs open in the work "
+            "browser)\n\n1 invalid pattern(s): the dispatcher would end when it reaches one.\n"}}) {
     ProcessResult r = Run(json, {"check", "--local-state", local_state_});
     EXPECT_EQ(r.exit_code, code) << json;
     EXPECT_NE(r.out.find(part), std::string::npos) << r.out;

@@ -80,7 +80,7 @@ TEST_F(ClassifierTest, DecisionsOnTheSubject) {
       {{"intra.corp.test/app/*"}, "http://intra.corp.test:80/app/x", true},
       {{"corp.test/*"}, user_url, false}, {{"*@corp.test/*"}, user_url, true},
       {{"corp.test/*"}, "https://corp.test?x=1", false}, {{"corp.test?x=1/"}, "https://corp.test?x=1", false},
-      {{"corp.test[?]x=1/"}, "https://corp.test?x=1", true}, {{"[[]::1[]]/*"}, "http://[::1]:8080/x", true},
+      {{"corp.test[?]x=1/"}, "https://corp.test?x=1", true}, {{"[[]::1\\]/*"}, "http://[::1]:8080/x", true},
       // The URL is lowered as text, the pattern for ASCII only.
       {{"\xC3\xA9" "cole.corp.test/*"}, ecole, true}, {{"\xC3\x89" "cole.corp.test/*"}, ecole, false},
       {{"^[a-z]+\\d?.corp.test/$"}, "https://host7.corp.test", true},
@@ -150,13 +150,42 @@ TEST_F(ClassifierTest, MatchingThatGivesUpIsAWorkUrlWithOneErrorLine) {
   EXPECT_EQ(log_.lines().size(), 2u);
 }
 
+// One classifier for a run of URLs, as the dispatcher and explain keep it:
+// patterns prepared for one URL answer the next the same way, and a broken
+// pattern is reported only for a URL that reaches it.
+TEST_F(ClassifierTest, AClassifierKeptForManyUrlsDecidesAsAFreshOne) {
+  UrlClassifier classifier(PolicyRules{Rule({"a.test/*", "corp.test/(app|web)/*", "(", "*"})});
+  struct Step {
+    std::string url;
+    ClassificationReason reason;
+    size_t tried;
+  };
+  const std::vector<Step> steps = {
+      {"https://a.test/x", ClassificationReason::kMatched, 1},
+      {"https://corp.test/web/", ClassificationReason::kMatched, 2},
+      {"https://corp.test/mail/", ClassificationReason::kInvalidPattern, 3},
+      {"https://corp.test/app/", ClassificationReason::kMatched, 2},
+      {"https://a.test/", ClassificationReason::kMatched, 1},
+  };
+  for (const Step& step : steps) {
+    log_.Clear();
+    Classification result = classifier.Classify(step.url, InvalidPatternHandling::kReport);
+    EXPECT_EQ(result.reason, step.reason) << step.url;
+    EXPECT_EQ(log_.lines().size(), step.tried) << step.url;
+    Classification fresh = ClassifyUrl(classifier.rules(), step.url, InvalidPatternHandling::kReport);
+    EXPECT_EQ(fresh.reason, result.reason) << step.url;
+    EXPECT_EQ(fresh.error, result.error) << step.url;
+  }
+}
+
 using ClassifierDeathTest = ClassifierTest;
 
 TEST_F(ClassifierDeathTest, InvalidPatternsAndSchemeAndColonAloneEndTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   PolicyRules rules = {Rule({"other.test/*", "("})};
   EXPECT_DEATH(Classify(rules, "https://corp.test/"), "Invalid URL pattern \"\\(\"");
-  EXPECT_DEATH(MatchUrlPattern("corp.test/", "*.corp.test/[a-"), "missing terminating ]");
+  EXPECT_DEATH(MatchUrlPattern("corp.test/", "*.corp.test/[a-"),
+               "Invalid URL pattern \"\\*.corp.test/\\[a-\": '\\[' without its '\\]' at offset 20");
   EXPECT_DEATH(Classify(rules, "http:"), "http:");
   EXPECT_DEATH(Classify(rules, "WSS:"), "WSS:");
   // An earlier match never reaches the broken pattern.
