@@ -68,7 +68,7 @@ std::string Entry(const std::string& program, bool activatable = false) {
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* folder : {".config/Halvard/Corvane/logs", "data/applications", "data/dbus-1/services", "records",
+    for (const char* folder : {"config/Halvard/Corvane/logs", "data/applications", "data/dbus-1/services", "records",
                                "B 100%", "Entry", "bin"})
       ASSERT_TRUE(MakeDirectories(Home(folder)));
     // The program's folder needs escapes in a URL; GIO refuses a "%" in the program path of an entry.
@@ -106,7 +106,9 @@ class DispatcherTest : public ::testing::Test {
   ProcessOptions Options(int64_t clock_ahead_seconds = 0) const {
     ProcessOptions options;
     options.clear_environment = true;  // and no session bus: every process handles its own delivery
-    options.env = {{"HOME", home_.path()}, {"XDG_DATA_DIRS", Home("data")}, {"PATH", "/usr/bin:/bin"},
+    // The configuration folder is "config", not "$HOME/.config", spelled with a ".." that the lines show resolved.
+    options.env = {{"HOME", home_.path()}, {"XDG_CONFIG_HOME", Home("data/../config")}, {"XDG_DATA_DIRS", Home("data")},
+                   {"PATH", "/usr/bin:/bin"},
                    {"CORVANE_RECORDER_DIR", Home("records")}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
                    {"LD_PRELOAD", clock_ahead_seconds ? CORVANE_FAKE_CLOCK_LIBRARY : ""},
                    {"CORVANE_FAKE_CLOCK_OFFSET_SECONDS", std::to_string(clock_ahead_seconds)},
@@ -126,8 +128,8 @@ class DispatcherTest : public ::testing::Test {
 
   TempDir home_;
   std::string work_entry_ = Home("data/applications/com.velora.velorabrowser.desktop");
-  std::string local_state_ = Home(".config/Halvard/Corvane/Local State");
-  std::string log_file_ = Home(".config/Halvard/Corvane/logs/CorvaneDispatcher_debug.log");
+  std::string local_state_ = Home("config/Halvard/Corvane/Local State");
+  std::string log_file_ = Home("config/Halvard/Corvane/logs/CorvaneDispatcher_debug.log");
 };
 
 TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlToTheWorkBrowserWithoutPolicy) {
@@ -148,18 +150,21 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
   EXPECT_EQ(Sorted(received), Sorted({"work browser: " + std::string(kOtherUrl),
                                       "work browser: " + std::string(kWorkUrl)}));
 
-  // An empty delivery ends after the termination task's wait. A log that cannot be written (no folder, which the
-  // dispatcher does not make; a full device; a folder in its place) costs no line.
-  const Strings kEmpty = {kBanner, kLaunching, kPath, kUnreadable, kReceived + " ]", kTerminated};
-  ASSERT_EQ(unlink(log_file_.c_str()) + rmdir(Home(".config/Halvard/Corvane/logs").c_str()), 0);
-  result = Run({}, Options());
+  // An empty delivery ends after the termination task's wait. A log that cannot be written costs no line: no folder
+  // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist), a full device, a folder there.
+  auto empty = [&](const std::string& path) {
+    return Strings{kBanner, kLaunching, "INFO Local State Path " + path, kUnreadable, kReceived + " ]", kTerminated};
+  };
+  ProcessOptions relative = Options();
+  relative.env["XDG_CONFIG_HOME"] = "config";
+  result = Run({}, relative);
   EXPECT_TRUE(result.seconds >= 2.0 && result.seconds < 8.0) << result.seconds;
-  EXPECT_EQ(Messages(result.err), kEmpty);
-  EXPECT_FALSE(FileExists(Home(".config/Halvard/Corvane/logs"))) << "made by the dispatcher";
-  ASSERT_TRUE(MakeDirectories(Home(".config/Halvard/Corvane/logs")) && symlink("/dev/full", log_file_.c_str()) == 0);
-  EXPECT_EQ(Messages(Run({}, Options()).err), kEmpty);
+  EXPECT_EQ(Messages(result.err), empty(Home(".config/Halvard/Corvane/Local State")));
+  EXPECT_FALSE(FileExists(Home(".config"))) << "made by the dispatcher";
+  ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && symlink("/dev/full", log_file_.c_str()) == 0);
+  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
   ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && MakeDirectories(log_file_));
-  EXPECT_EQ(Messages(Run({}, Options()).err), kEmpty);
+  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
 }
 
 TEST_F(DispatcherTest, LogExpiresAt97WholeHoursOfAgeAndAnUndeletableOneGetsAnErrorFirst) {
@@ -202,15 +207,11 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
   argv.insert(argv.end(), urls.begin(), urls.end());
   ProcessResult result = RunProcess(argv, options);
   EXPECT_EQ(result.out, "0\n0\n") << result.err.substr(0, 2000);
-  std::string log = ReadFile(log_file_), lists[2];
-  for (size_t i = 0; i < urls.size(); ++i) lists[i >= 4] += (lists[i >= 4].empty() ? "" : ", ") + urls[i];
-  Strings messages = Messages(log);
-  ASSERT_GE(messages.size(), 2u);
-  EXPECT_EQ(messages.front() + " " + messages.back(), std::string(kBanner) + " " + kTerminated);
-  const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
-  for (auto [message, count] : {std::pair<std::string, size_t>(kBanner, 1), {kTerminated, 1}, {kLaunching, 1},
-                                {kReceived + lists[0] + " ]", 1}, {kReceived + lists[1] + " ]", 1}})
-    EXPECT_EQ(Count(log, message), count) << message.substr(0, 200);
+  // One start-up, whose log the forwarder left alone: both deliveries are in it.
+  std::string log = ReadFile(log_file_);
+  for (const char* once : {kBanner, kLaunching, kTerminated}) EXPECT_EQ(Count(log, once), 1u) << once;
+  EXPECT_NE(log.find("received urls - [ " + urls[0] + ", "), std::string::npos);
+  EXPECT_NE(log.find("received urls - [ " + urls[4] + ", "), std::string::npos);
   Strings received;
   for (BrowserRecord& record : WaitForBrowserRecords(Home("records"), urls.size())) {
     ASSERT_EQ(record.args.size(), 1u);

@@ -47,15 +47,14 @@ inline ProcessResult RunProcess(const Strings& argv, const ProcessOptions& optio
       variables[name] = entry.substr(std::min(name.size() + 1, entry.size()));
   }
   for (const auto& [name, value] : options.env) variables[name] = value;
-  Strings env;
+  Strings entries;
   for (const auto& [name, value] : variables)
-    if (value) env.push_back(name + "=" + *value);
-  auto pointers = [](const Strings& strings) {
-    std::vector<char*> pointers;
-    for (const std::string& s : strings) pointers.push_back(const_cast<char*>(s.c_str()));  // never written to
-    pointers.push_back(nullptr);
-    return pointers;
-  };
+    if (value) entries.push_back(name + "=" + *value);
+  std::vector<char*> args, env;  // never written to
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  for (std::string& entry : entries) env.push_back(entry.data());
+  args.push_back(nullptr);
+  env.push_back(nullptr);
   // Files, not pipes: browsers that the program started may keep them open after it has ended.
   int fds[] = {memfd_create("in", MFD_CLOEXEC), memfd_create("out", MFD_CLOEXEC), memfd_create("err", MFD_CLOEXEC)};
   posix_spawn_file_actions_t actions;
@@ -68,8 +67,7 @@ inline ProcessResult RunProcess(const Strings& argv, const ProcessOptions& optio
   auto seconds = [&start] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
   pid_t pid = 0;
   bool started = pwrite(fds[0], options.stdin_data.data(), options.stdin_data.size(), 0) >= 0 && !argv.empty() &&
-                 posix_spawn(&pid, argv[0].c_str(), &actions, &attributes, pointers(argv).data(),
-                             pointers(env).data()) == 0;
+                 posix_spawn(&pid, argv[0].c_str(), &actions, &attributes, args.data(), env.data()) == 0;
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
   int status = 0;
@@ -78,14 +76,11 @@ inline ProcessResult RunProcess(const Strings& argv, const ProcessOptions& optio
     if (done < 0 && errno != EINTR) break;
     if (!timed_out && seconds() > options.timeout_seconds) timed_out = kill(-pid, SIGKILL) == 0;
   }
-  ProcessResult result;
-  result.seconds = seconds();
-  result.pid = pid;
-  result.exited = started && !timed_out && WIFEXITED(status);
-  result.exit_code = result.exited ? WEXITSTATUS(status) : -1;
-  result.signal = started && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  result.out = ReadFile("/proc/self/fd/" + std::to_string(fds[1]));
-  result.err = ReadFile("/proc/self/fd/" + std::to_string(fds[2]));
+  bool exited = started && !timed_out && WIFEXITED(status);
+  ProcessResult result = {exited, exited ? WEXITSTATUS(status) : -1,
+                          started && WIFSIGNALED(status) ? WTERMSIG(status) : 0, pid,
+                          ReadFile("/proc/self/fd/" + std::to_string(fds[1])),
+                          ReadFile("/proc/self/fd/" + std::to_string(fds[2])), seconds()};
   for (int fd : fds) close(fd);
   return result;
 }

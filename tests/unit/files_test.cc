@@ -1,6 +1,5 @@
 // Paths, files and time: what start-up uses to find its log file and decide when it has expired.
 #include <fcntl.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 
 #include "base/files/file_path.h"
 #include "base/files/file_util.h"
-#include "base/files/path_service.h"
 #include "base/files/time.h"
 #include "gtest/gtest.h"
 #include "tests/support/temp_dir.h"
@@ -112,31 +110,6 @@ TEST(TimeTest, ConversionsSpansAndWholeHoursSaturate) {
       {TimeSpan::Max(), std::numeric_limits<int32_t>::max()}, {TimeSpan::Min(), std::numeric_limits<int32_t>::min()},
   };
   for (const auto& [span, whole] : hours) EXPECT_EQ(InWholeHours(span), whole) << span.InMicroseconds();
-}
-
-// The lookup remembers its answer for the process, so each case runs in a child of its own; "" expects it to fail.
-TEST(AppDataLookupTest, XdgConfigHomeWhenAbsoluteElseHomeConfigWithParentsResolved) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  corvane_test::TempDir dir;
-  ASSERT_TRUE(corvane_test::MakeDirectories(dir.Child("a/b")));
-  char resolved[PATH_MAX];
-  ASSERT_NE(realpath(dir.path().c_str(), resolved), nullptr);
-  for (auto [xdg_config_home, expected] : {std::pair<std::string, std::string>("/x/config", "/x/config"),
-                                           {"relative/config", "/home/u/.config"}, {dir.Child("a/b/../.."), resolved},
-                                           {"/no/such/dir/../x", ""}}) {
-    EXPECT_EXIT(
-        {
-          setenv("XDG_CONFIG_HOME", xdg_config_home.c_str(), 1);
-          setenv("HOME", "/home/u", 1);
-          FilePath path;
-          if (!LookupPath(DIR_APP_DATA, &path)) exit(expected.empty() ? 0 : 2);
-          setenv("XDG_CONFIG_HOME", "/changed", 1);
-          FilePath again;
-          exit(path.value() == expected && LookupPath(DIR_APP_DATA, &again) && again == path ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "")
-        << xdg_config_home;
-  }
 }
 
 }  // namespace
