@@ -161,20 +161,19 @@ TEST(RealBrowsersTest, LinksReachTheRightRealBrowserByteForByteThroughTheInstall
   ASSERT_EQ(run({"/usr/bin/xdg-settings", "set", "default-web-browser", kEntry}).exit_code, 0) << report();
   ASSERT_EQ(RunProcess({"/usr/bin/xdg-settings", "get", "default-web-browser"}, options).out, kEntry + "\n");
 
-  std::string base = "http://127.0.0.1:" + std::to_string(server.port), long_query = "/long?";
+  std::string base = "http://127.0.0.1:" + std::to_string(server.port);
   const std::string kAscii = "/a%20b/%2F%25%3F%00/semi;colon,plus+tilde~!$&'()*@:%41%7e?q=%26x%3D1&y=%C3%BC&z=+&e=&"
                              "s=`{}|^[]\\%zz";
   const std::string kUnicode = "/\xC3\xBC\xE6\x97\xA5\xE6\x9C\xAC/na\xC3\xAFve?q=\xE6\x97\xA5&r=\xC3\xBC";
-  for (int i = 0; long_query.size() < 6000; ++i) long_query += "&k" + std::to_string(i) + "=v%2F" + std::to_string(i);
   // The opener and its URLs. Each delivery waits for the last, so later ones find the browsers running: a second
   // start of either browser on the same profile hands its URL to the running one or opens nothing.
   Strings expected;
   for (const Strings& delivery : std::vector<Strings>{
            {"/usr/bin/xdg-open", base + "/work" + kAscii + "#top%20of/page?x"},
            {"/usr/bin/gio", "open", base + "/home" + kUnicode + "#\xC3\xBC-section"},
-           {"/usr/bin/xdg-open", base + "/home" + long_query}, {"/usr/bin/gio", "open", base + "/work" + kUnicode},
+           {"/usr/bin/gio", "open", base + "/work" + kUnicode},
            {"/usr/bin/gio", "launch", prefix + "/share/applications/" + kEntry, base + "/work/several?n=1#one",
-            base + "/home/several?n=2", base + "/work" + long_query}}) {
+            base + "/home/several?n=2"}}) {
     SCOPED_TRACE(delivery[0] + " " + delivery[1]);
     for (const std::string& url : delivery) {
       if (url.starts_with(base))  // a fragment never reaches the server

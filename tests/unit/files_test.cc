@@ -1,6 +1,5 @@
 // Paths, files and time: what start-up uses to find its log file and decide when it has expired.
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
