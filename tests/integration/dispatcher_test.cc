@@ -60,20 +60,21 @@ size_t Count(const std::string& log, const std::string& message) {
   return std::count(messages.begin(), messages.end(), message);
 }
 
-std::string Entry(const std::string& program) {
-  return "[Desktop Entry]\nType=Application\nName=B\nExec=\"" + program + "\" %u\n";
+std::string Entry(const std::string& program, bool activatable = false) {
+  return std::string("[Desktop Entry]\nType=Application\nName=B\n") +
+         (activatable ? "DBusActivatable=true\nStartupNotify=true\n" : "") + "Exec=\"" + program + "\" %u\n";
 }
 
 class DispatcherTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* folder : {"config/Halvard/Corvane/logs", "data/applications", "records", "B 100%", "Entry", "bin"})
+    for (const char* folder : {"config/Halvard/Corvane/logs", "data/applications", "data/dbus-1/services", "records",
+                               "B 100%", "Entry", "bin"})
       ASSERT_TRUE(MakeDirectories(Home(folder)));
     // The program's folder needs escapes in a URL; GIO refuses a "%" in the program path of an entry.
     for (auto [link, target] : {std::pair("B 100%/other browser", CORVANE_RECORDER_BROWSER),
                                 {"Entry/work browser", CORVANE_RECORDER_BROWSER},
-                                {"Entry/other browser", CORVANE_RECORDER_BROWSER},
-                                {"bin/linked", CORVANE_DISPATCHER_BINARY}})
+                                {"Entry/other browser", CORVANE_RECORDER_BROWSER}, {"bin/linked", CORVANE_DISPATCHER_BINARY}})
       ASSERT_EQ(symlink(target, Home(link).c_str()), 0);
     const std::string other = Home("Entry/other browser");
     for (const auto& [path, text] : std::vector<std::pair<std::string, std::string>>{
@@ -81,10 +82,16 @@ class DispatcherTest : public ::testing::Test {
              {Home("removed browser.desktop"), Entry(Home("Entry/removed browser"))},
              {Home("runs-us.desktop"), Entry(CORVANE_DISPATCHER_BINARY)},
              {Home("com.halvard.corvane.dispatcher.desktop"), Entry(other)},
+             {Home("org.example.Personal.desktop"), Entry(other, true)},
+             {Home("org.example.Unserved.desktop"), Entry(other, true)},
              {Home("readme.txt"), "touch '" + Home("ran") + "'\n"},  // if a shell ran it
              {Home("bin/wrapper"), "#!/bin/sh\n\"$D\" \"$@\"\n"},     // $D: the dispatcher, which it does not name
              {Home("bin/exec-wrapper"), "#!/bin/sh\nexec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n"}})
       ASSERT_TRUE(WriteFile(path, text, path.ends_with(".desktop") ? 0644 : 0755));
+    for (const std::string name : {"com.velora.velorabrowser", "org.example.Personal"}) {
+      ASSERT_TRUE(WriteFile(Home("data/dbus-1/services/" + name + ".service"), "[D-BUS Service]\nName=" + name +
+                            "\nExec=" CORVANE_RECORDER_BROWSER " --dbus-service " + name + "\n"));
+    }
   }
 
   std::string Home(const std::string& relative) const { return home_.Child(relative); }
@@ -221,7 +228,7 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
 struct Route {
   const char* name;
   std::string non_work;  // the non-work browser's location; "": none
-  std::string work;      // the work browser entry's program: "": the stand-in, "-": no entry
+  std::string work;      // the work browser entry's program: "": the stand-in, "-": no entry, "dbus": activatable
   bool bus;              // a session bus: later dispatchers hand their deliveries to the first
   std::string url;
   Strings lines;         // the launchers' lines of every dispatcher
@@ -237,7 +244,8 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   if (r.bus && access(kDbusRunSession, X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   WriteLocalState(r.non_work);
   std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : r.work == "wrapper" ? Home("bin/wrapper") : "";
-  ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, Entry(work)));
+  std::string entry = r.work == "dbus" ? Entry(Home("Entry/work browser"), true) : Entry(work);
+  ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
   ProcessOptions options = Options();
   options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"},
                       // As if GIO started us from our own entry.
@@ -252,22 +260,26 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   EXPECT_EQ(Sorted(Messages(log, true)), Sorted(r.lines));
   EXPECT_EQ(Count(log, kBanner), r.banners);
   EXPECT_EQ(Count(log, kTerminated), r.banners);
+  bool over_bus = r.browser.find('.') != std::string::npos;
   Strings starts;
   for (BrowserRecord& b : WaitForBrowserRecords(Home("records"), !r.browser.empty())) {
     auto env = [&b](const char* name) { return b.env.count(name) ? b.env[name] : std::string("-"); };
+    // Over the bus the token arrives in the platform data, which carries one, and nothing else.
     starts.push_back(b.name + ": " + b.args.at(0) + " | " + env("DESKTOP_STARTUP_ID") + " " +
                      env("XDG_ACTIVATION_TOKEN") + " " + env("GIO_USE_VFS"));
     // GIO names the entry it starts and the process that became; ours are not passed on. A browser started directly
     // gets nothing to read and none of our descriptors (the log).
     bool direct = env("GIO_LAUNCHED_DESKTOP_FILE") == "-";
     EXPECT_EQ(env("GIO_LAUNCHED_DESKTOP_FILE_PID"), direct ? "-" : std::to_string(b.pid));
-    EXPECT_TRUE(!direct || (b.stdin_target == "/dev/null" && b.fds.empty())) << b.stdin_target;
+    EXPECT_TRUE(!direct || over_bus || (b.stdin_target == "/dev/null" && b.fds.empty())) << b.stdin_target;
   }
-  EXPECT_EQ(starts, r.browser.empty() ? Strings{} : Strings{r.browser + ": " + r.url + " | startup-2 token-1 gvfs"});
+  std::string tokens = over_bus ? " | startup-2 - -" : " | startup-2 token-1 gvfs";
+  EXPECT_EQ(starts, r.browser.empty() ? Strings{} : Strings{r.browser + ": " + r.url + tokens});
   EXPECT_FALSE(FileExists(Home("ran")));
 }
 
 const std::string kWork = "work browser", kOther = "other browser";
+const std::string kDbusPersonal = "file://$HOME/org.example.Personal.desktop";
 const Strings kRefused = {kIsDispatcher, kNotFound, kLaunched}, kNoWorkBrowser = {kHosted, kFirstFailed, kRetryFailed};
 const Strings kWrapped = {kFound, kLaunched, kLoop, kLaunched};
 const Strings kWorkWrapped = {kHosted, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed};
@@ -288,6 +300,12 @@ INSTANTIATE_TEST_SUITE_P(
         {"NonWorkEntryWithoutProgram", "file://$HOME/removed%20browser.desktop", "", false, kOtherUrl,
          {kFound, kFirstFailed}, kWork, 1},
         {"NoWorkBrowser", "", "-", false, kWorkUrl, kNoWorkBrowser, "", 1},
+        // D-Bus-activatable entries; without a session bus GIO runs their Exec line.
+        {"ActivatableWorkBrowser", "", "dbus", true, kWorkUrl, {kHosted, kLaunched}, "com.velora.velorabrowser", 1},
+        {"ActivatableNonWork", kDbusPersonal, "", true, kOtherUrl, {kFound, kLaunched}, "org.example.Personal", 1},
+        {"ActivatableNonWorkWithoutBus", kDbusPersonal, "", false, kOtherUrl, {kFound, kLaunched}, kOther, 1},
+        {"UnservedActivatable", "file://$HOME/org.example.Unserved.desktop", "", true, kOtherUrl,
+         {kFound, kFirstFailed}, kWork, 1},
         // Browsers that would start the dispatcher again, recognised before anything starts.
         {"OwnProgram", "file://" CORVANE_DISPATCHER_BINARY, "", false, kOtherUrl, kRefused, kWork, 1},
         {"LinkToIt", "file://$HOME/bin/linked", "", false, kOtherUrl, kRefused, kWork, 1},
