@@ -1,5 +1,5 @@
-// What the real binary cannot show: the counter at each open request, held
-// completions, and many completions racing on threads of their own.
+// What the real binary cannot show: the counter at each open request, held completions, and many completions racing
+// on threads of their own.
 #include "dispatcher/dispatcher_delegate.h"
 
 #include <gtest/gtest.h>
@@ -18,149 +18,111 @@ namespace dispatcher {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 constexpr char kWorkBrowser[] = "file:///work-browser.desktop";
-constexpr char kLaunched[] = "Launched browser successfully.";
 
-struct OpenRequest {
-  std::optional<std::string> application;
-  int32_t counter;
-};
-
-// Records each request and completes it on a thread of its own, at once or
-// once released; opens in `failing` fail. Read `requests` only while no
-// completion runs.
-class ScriptedWorkspace : public Workspace {
+// Records each request with the counter it saw and, once released, completes it on a thread of its own, in no
+// particular order; opens in "file:///" fail. Read `requests` only while no completion runs.
+class ScriptedWorkspace : public Workspace, public ApplicationShell {
  public:
-  bool can_open = true;
-  bool hold = false;
-  std::string failing = "none";
-  AppDelegate* delegate = nullptr;
-  int lookups = 0;
-  std::vector<OpenRequest> requests;
-
+  explicit ScriptedWorkspace(const AppDelegate& delegate) : delegate_(delegate) {}
+  ~ScriptedWorkspace() override {  // the termination worker must be done before the delegate goes
+    Release();
+    for (auto end = Clock::now() + 30s; (running_ > 0 || (delegate_.isDispatcherTerminating() && !terminations)) &&
+                                        Clock::now() < end;)
+      std::this_thread::sleep_for(1ms);
+  }
   bool CanOpenUrls() override { return can_open; }
   std::optional<Url> WorkBrowserLocation() override { ++lookups; return kWorkBrowser; }
   bool StartsThisDispatcher(const Url&) override { return false; }
   void OpenUrl(const Url&, const std::optional<Url>& application, Completion done) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::optional<std::string> name;
-    if (application) name = application->spec;
-    requests.push_back({name, delegate->launchCounter()});
-    held_.emplace_back(std::move(done), name != failing);
-    if (!hold) ReleaseLocked();
+    requests.emplace_back(application ? application->spec : "", delegate_.launchCounter());
+    held_.emplace_back(std::move(done), requests.back().first != "file:///");
+    if (!hold_) ReleaseLocked();
+  }
+  void Terminate() override {
+    terminated_at = Clock::now();
+    ++terminations;  // publishes terminated_at
   }
   void Release() {
     std::lock_guard<std::mutex> lock(mutex_);
-    hold = false;
+    hold_ = false;
     ReleaseLocked();
   }
-  // Completions may start retries, which count before their first ends.
-  void WaitForCompletions() {
-    while (running_ > 0) std::this_thread::sleep_for(1ms);
+  bool WaitForTermination(std::chrono::milliseconds limit) {
+    for (auto end = Clock::now() + limit; terminations == 0 && Clock::now() < end;) std::this_thread::sleep_for(5ms);
+    return terminations > 0;
   }
+
+  bool can_open = true;
+  int lookups = 0;
+  std::vector<std::pair<std::string, int32_t>> requests;  // application, counter
+  std::atomic<int> terminations{0}, running_{0};  // completions may start retries, which count before their first ends
+  Clock::time_point terminated_at;
 
  private:
   void ReleaseLocked() {
     for (auto& [done, succeeded] : held_) {
       ++running_;
-      auto delay = std::chrono::microseconds(++released_ * 7919 % 2000);
-      std::thread([this, done = std::move(done), succeeded = succeeded, delay] {
-        std::this_thread::sleep_for(delay);
-        done(succeeded);
+      std::thread([this, done = std::move(done), ok = succeeded, delay = ++released_ * 7919 % 2000] {
+        std::this_thread::sleep_for(std::chrono::microseconds(delay));
+        done(ok);
         --running_;
       }).detach();
     }
     held_.clear();
   }
 
+  const AppDelegate& delegate_;
   std::mutex mutex_;
+  bool hold_ = true;
   int released_ = 0;
-  std::atomic<int> running_{0};
   std::vector<std::pair<Completion, bool>> held_;
 };
 
-class AppDelegateTest : public ::testing::Test, public ApplicationShell {
+class AppDelegateTest : public ::testing::Test {
  protected:
-  AppDelegateTest() {
-    workspace_.delegate = &delegate_;
-    delegate_.setPolicyUrls(PolicyRules{{true, {{true, "*.corp.test/*"}}}});
-  }
-  ~AppDelegateTest() override {
-    // The termination worker must be done before the delegate goes.
-    if (delegate_.isDispatcherTerminating()) {
-      workspace_.Release();
-      EXPECT_TRUE(WaitForTermination(30s));
-    }
-    workspace_.WaitForCompletions();
-  }
-
-  void Terminate() override {
-    terminated_at_ = std::chrono::steady_clock::now();
-    ++terminations_;  // publishes terminated_at_
-  }
-  bool WaitForTermination(std::chrono::milliseconds limit) {
-    auto end = std::chrono::steady_clock::now() + limit;
-    while (terminations_ == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
-    return terminations_ > 0;
-  }
-
-  int Count(const std::string& message) {
-    std::vector<std::string> all = log_.messages();
-    return static_cast<int>(std::count(all.begin(), all.end(), message));
+  AppDelegateTest() { delegate_.setPolicyUrls(PolicyRules{{true, {{true, "*.corp.test/*"}}}}); }
+  size_t Count(const std::string& message) {
+    std::vector<corvane_test::Line> lines = log_.lines();
+    return std::count_if(lines.begin(), lines.end(), [&](auto& line) { return line.message == message; });
   }
 
   corvane_test::LogCapture log_;
-  ScriptedWorkspace workspace_;
-  std::atomic<int> terminations_{0};
-  std::chrono::steady_clock::time_point terminated_at_;
-  AppDelegate delegate_{workspace_, *this};
+  AppDelegate delegate_{workspace_, workspace_};
+  ScriptedWorkspace workspace_{delegate_};
 };
 
-TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOwnOpenAndTheEndWaitsForTheLast) {
-  workspace_.hold = true;
-  auto start = std::chrono::steady_clock::now();
-  delegate_.applicationOpenURLs({"https://a.corp.test/", "https://b.corp.test/x", "https://c.corp.test/"});
-  // A second delivery while the first is pending schedules no second end.
-  delegate_.applicationOpenURLs({"https://example.org/"});
-  const std::vector<OpenRequest>& requests = workspace_.requests;
-  ASSERT_EQ(requests.size(), 4u);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(requests[i].counter, i + 1);
-    EXPECT_EQ(requests[i].application, kWorkBrowser);
-  }
-  EXPECT_EQ(workspace_.lookups, 4) << "looked up afresh for every URL";
-
-  EXPECT_FALSE(WaitForTermination(2600ms));
-  auto released = std::chrono::steady_clock::now();
-  workspace_.Release();
-  ASSERT_TRUE(WaitForTermination(10s));
-  EXPECT_GE(terminated_at_ - start, 2s);
-  EXPECT_GE(terminated_at_, released);
-  workspace_.WaitForCompletions();
-  std::this_thread::sleep_for(300ms);
-  EXPECT_EQ(terminations_, 1);
-  EXPECT_EQ(delegate_.launchCounter(), 0);
-  EXPECT_EQ(Count(kLaunched), 4);
-}
-
-TEST_F(AppDelegateTest, CounterReachesZeroOnceEveryLastAttemptHasCompletedOnAnyThread) {
+TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOpenFailuresAreRetriedInTheWorkBrowserAndTheEndWaitsForTheLast) {
   delegate_.setNonWorkBrowserPath("file:///");  // exists, but fails to open
-  workspace_.failing = "file:///";
   std::vector<Url> urls;
   for (int i = 0; i < 150; ++i) urls.push_back("https://h" + std::to_string(i) + (i % 3 ? ".example/" : ".corp.test/"));
+  auto start = Clock::now();
   delegate_.applicationOpenURLs(urls);
-  ASSERT_TRUE(WaitForTermination(30s));
-  workspace_.WaitForCompletions();
+  delegate_.applicationOpenURLs({"https://example.org/"});  // while the first is pending: no second end
+  const auto& requests = workspace_.requests;
+  ASSERT_EQ(requests.size(), 151u);
+  for (int i = 0; i < 151; ++i) EXPECT_EQ(requests[i].second, i + 1);
+  EXPECT_EQ(workspace_.lookups, 151) << "looked up afresh for every URL";
+
+  EXPECT_FALSE(workspace_.WaitForTermination(2600ms));
+  auto released = Clock::now();
+  workspace_.Release();
+  ASSERT_TRUE(workspace_.WaitForTermination(30s));
+  EXPECT_GE(workspace_.terminated_at - start, 2s);
+  EXPECT_GE(workspace_.terminated_at, released);
+  std::this_thread::sleep_for(300ms);
+  while (workspace_.running_ > 0) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(workspace_.terminations, 1);
   EXPECT_EQ(delegate_.launchCounter(), 0);
-  // 50 work URLs open once; 100 others fail once and are retried, in the work browser.
-  const std::vector<OpenRequest>& requests = workspace_.requests;
-  EXPECT_EQ(requests.size(), 250u);
-  int in_work_browser = 0;
-  for (const OpenRequest& request : requests) in_work_browser += request.application == kWorkBrowser;
-  EXPECT_EQ(in_work_browser, 150);
-  EXPECT_EQ(Count(kLaunched), 50);
-  EXPECT_EQ(Count("Failed to launch URL, will try to launch URL again in work browser."), 100);
+  // 50 work URLs open once; 101 others fail once in the non-work browser and are retried, silently, in the work one.
+  EXPECT_EQ(requests.size(), 252u);
+  EXPECT_EQ(std::count_if(requests.begin(), requests.end(), [](auto& r) { return r.first == kWorkBrowser; }), 151);
+  EXPECT_EQ(Count("Launched browser successfully."), 50u);
+  EXPECT_EQ(Count("Failed to launch URL, will try to launch URL again in work browser."), 101u);
+  EXPECT_EQ(Count("Failed to launch URL in work browser as well."), 0u);
 }
 
 TEST_F(AppDelegateTest, SystemThatCannotOpenKeepsTheCountAndClassifiesNothing) {

@@ -1,3 +1,4 @@
+// The Local State reader: each step's line, what each shape of document yields, and what ends the read early.
 #include "dispatcher/local_state.h"
 
 #include <gtest/gtest.h>
@@ -17,8 +18,7 @@ using corvane_test::Error;
 using corvane_test::Info;
 using corvane_test::Line;
 
-const Line kNoKelPrefs = Error("Local State has no kel_prefs.");
-const Line kNoPolicy = Error("Local State has no policy data.");
+const Line kNoKelPrefs = Error("Local State has no kel_prefs."), kNoPolicy = Error("Local State has no policy data.");
 const Line kNoBrowserUrls = Error("No Browser URLs found inside Local State");
 const Line kPolicyRead = Info("Successfully parsed Policy Doc URLs.");
 const Line kNoBrowser = Error("Local State has no non-work browser details stored.");
@@ -27,14 +27,12 @@ const Line kBrowserRead = Info("Successfully stored path for non-work browser");
 
 class LocalStateTest : public ::testing::Test {
  protected:
-  // Writes the document where the work browser keeps it and reads it back.
-  LocalStatePolicy Read(const std::string& json) {
+  LocalStatePolicy Read(const std::string& json) {  // written where the work browser keeps it
     EXPECT_TRUE(corvane_test::WriteFile(path_, json));
     log_.Clear();
     return ReadLocalStatePolicy(base::FilePath(path_));
   }
-  // The lines of a file that parsed, then `rest`.
-  std::vector<Line> Parsed(std::vector<Line> rest) const {
+  std::vector<Line> Parsed(std::vector<Line> rest) const {  // the lines of a file that parsed, then `rest`
     std::vector<Line> all = {Info("Local State Path " + path_), Info("Local State is readable."),
                              Info("Read local state data."), Info("Successfully parsed Local State.")};
     all.insert(all.end(), rest.begin(), rest.end());
@@ -46,19 +44,22 @@ class LocalStateTest : public ::testing::Test {
   corvane_test::LogCapture log_;
 };
 
-// The same document in spellings that the platform's reader reads alike: as the work browser writes it, after a
-// byte order mark, and with numbers beyond 64 bits or a double's range.
+// The same document in spellings that the platform's reader reads alike: as the work browser writes it, after a byte
+// order mark, with numbers beyond 64 bits or a double's range, and behind 100 MB of other browser state.
 TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
-  for (const auto& [bom, number, other] : {std::tuple("", "42", "1"), {"\xEF\xBB\xBF", "1e400", "-99999999999999999999"},
-                                          {"", "123456789012345678901234567890", "-1E+400"}}) {
-    LocalStatePolicy policy = Read(bom + std::string(R"({
+  std::string profiles = R"("profiles": [)";
+  while (profiles.size() < (100 << 20))
+    profiles += R"({"name": "P", "avatar": ")" + std::string(180, 'a') + R"(", "t": 1.25, "f": [true, null, 42]}, )";
+  for (const auto& [start, number, other] : std::vector<std::tuple<std::string, const char*, const char*>>{
+           {"{", "42", "1"}, {"\xEF\xBB\xBF{", "1e400", "-99999999999999999999"},
+           {"{", "123456789012345678901234567890", "-1E+400"}, {"{" + profiles + "{}],", "7", "0"}}) {
+    LocalStatePolicy policy = Read(start + R"(
       "browser": {"browserPathForNonWorkLinks": "file:///usr/share/applications/other.desktop", "v": "1"},
-      "profile": {"info_cache": {"Default": {"name": "Person 1", "n": )") + other + R"(}}},
+      "profile": {"info_cache": {"Default": {"name": "Person 1", "n": )" + other + R"(}}},
       "kel_prefs": {"unrelated": [)" + other + R"(, {"x": null}], "policy": {"other": true, "browser_urls": [
           {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranet"},
           {"name": "rule without patterns"}, "a rule that is no object", {"patterns": "not an array"},
-          {"patterns": []},
-          {"patterns": ["\u00e9xample.test/*", null, "a\u0000b", "c\\.d\"1e400"]}]}}})");
+          {"patterns": []}, {"patterns": ["\u00e9xample.test/*", null, "a\u0000b", "c\\.d\"1e400"]}]}}})");
     SCOPED_TRACE(number);
     EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
     EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
@@ -75,111 +76,93 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
   }
 }
 
-TEST_F(LocalStateTest, FilesThatCannotBeReadStopEarly) {
+TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
   EXPECT_EQ(ReadLocalStatePolicy(base::FilePath()).status, LocalStateStatus::kNotReadable);
   EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path "), Error("Local State is not readable.")}));
-
   // A directory, and a file beyond the size that is read at all (sparse: it costs nothing).
   std::string huge = dir_.Child("huge");
   ASSERT_TRUE(corvane_test::WriteFile(huge, "{}") && truncate(huge.c_str(), kMaxLocalStateBytes + 1) == 0);
-  ASSERT_TRUE(corvane_test::MakeDirectories(path_));
-  for (const std::string& path : {path_, huge}) {
+  ASSERT_TRUE(corvane_test::MakeDirectories(dir_.Child("folder")));
+  for (const std::string& path : {dir_.Child("folder"), huge}) {
     log_.Clear();
     EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(path)).status, LocalStateStatus::kReadFailed);
     EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Local State Path " + path), Info("Local State is readable."),
                                                Error("Failed to read Local State data.")}));
   }
-}
 
-TEST_F(LocalStateTest, DocumentsThatDoNotParseEndWithAReadableError) {
-  const std::vector<std::string> documents = {
-      "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
-      std::string(R"({"browser": {"browserPathForNonWorkLinks": "file:///b)") + "\xff\xfe\"}}",
-      "{\"a\": \"\xc3\"}", "42", R"("kel_prefs")", "true", "null",
-      // Beside numbers beyond range, which are fine, the malformed ones still fail; so does too deep a nesting.
-      R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})", R"({"a": 1e400, "b": 12x})",
-      "{\"a\": 1e400, \"b\": \"\xff\"}", std::string(10000, '[') + std::string(10000, ']'),
-      "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}", "\xEF\xBB{}",
-  };
   const std::string prefix = "Failed to parse Local State data. Error : ";
-  for (const std::string& json : documents) {
-    SCOPED_TRACE(json);
-    LocalStatePolicy policy = Read(json);
-    EXPECT_EQ(policy.status, LocalStateStatus::kParseFailed);
+  for (const std::string& json : std::vector<std::string>{
+           "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
+           "{\"a\": \"\xc3\"}", std::string(R"({"browser": {"browserPathForNonWorkLinks": ")") + "\xff\xfe\"}}", "42",
+           R"("kel_prefs")", "true", "null", std::string(10000, '[') + std::string(10000, ']'),
+           // Beside numbers beyond range, which are fine, the malformed ones still fail.
+           R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})",
+           R"({"a": 1e400, "b": 12x})", "{\"a\": 1e400, \"b\": \"\xff\"}", "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}",
+           "\xEF\xBB{}"}) {
+    SCOPED_TRACE(json.substr(0, 100));
+    EXPECT_EQ(Read(json).status, LocalStateStatus::kParseFailed);
     std::vector<Line> lines = log_.lines();
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[2], Info("Read local state data."));
     EXPECT_EQ(lines[3].severity, logging::LOG_ERROR);
     ASSERT_EQ(lines[3].message.rfind(prefix, 0), 0u) << lines[3].message;
-    std::string description = lines[3].message.substr(prefix.size());
+    std::string description = lines[3].message.substr(prefix.size());  // readable
     EXPECT_GE(description.size(), 10u);
-    for (char c : description) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << description;
+    EXPECT_TRUE(std::all_of(description.begin(), description.end(), [](char c) { return c >= 0x20 && c < 0x7f; }));
   }
   Read("17");
   EXPECT_NE(log_.lines()[3].message.find("not an object or an array"), std::string::npos);
 }
 
 TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStillRead) {
-  struct Case {
-    std::string json;
-    std::vector<Line> lines;
-    std::optional<std::string> browser = std::nullopt;
-  };
-  std::vector<Case> cases = {
-      {"{}", {kNoKelPrefs, kNoBrowser}},
-      {R"([{"kel_prefs": {"policy": {"browser_urls": []}}}, {"browser": {}}])", {kNoKelPrefs, kNoBrowser}},
+  const std::optional<std::string> none;
+  std::vector<std::tuple<std::string, std::vector<Line>, std::optional<std::string>>> cases = {
+      {"{}", {kNoKelPrefs, kNoBrowser}, none},
+      {R"([{"kel_prefs": {"policy": {"browser_urls": []}}}, {"browser": {}}])", {kNoKelPrefs, kNoBrowser}, none},
       {R"({"browser": {"browserPathForNonWorkLinks": "file:///opt/b"}})", {kNoKelPrefs, kBrowserRead}, "file:///opt/b"},
-      {R"({"kel_prefs": {"Policy": {"browser_urls": []}}})", {kNoPolicy, kNoBrowser}},
-      {R"({"kel_prefs": {"policy": {"browser_url": []}}})", {kNoBrowserUrls, kNoBrowser}},
+      {R"({"kel_prefs": {"Policy": {"browser_urls": []}}})", {kNoPolicy, kNoBrowser}, none},
+      {R"({"kel_prefs": {"policy": {"browser_url": []}}})", {kNoBrowserUrls, kNoBrowser}, none},
       {R"({"kel_prefs": {"policy": {"browser_urls": []}, "browser": {"browserPathForNonWorkLinks": "file:///b"}}})",
-       {kPolicyRead, kNoBrowser}},
-      {R"({"browser": {"browserPathForNonWorkLink": "x"}})", {kNoKelPrefs, kNoBrowserPath}},
+       {kPolicyRead, kNoBrowser}, none},
+      {R"({"browser": {"browserPathForNonWorkLink": "x"}})", {kNoKelPrefs, kNoBrowserPath}, none},
       // Repeated keys take their last value; keys are compared unescaped.
       {R"({"kel_prefs": 1, "browser": {"browserPathForNonWorkLinks": "file:///first"}, "kel\u005fprefs":
           {"pol\u0069cy": {"browser_urls": []}}, "\u0062rowser": {"browserPathForNonWorkLinks": "file:\/\/\/last"}})",
        {kPolicyRead, kBrowserRead}, "file:///last"},
       {R"({"x": )" + std::string(500, '[') + std::string(500, ']') + R"(, "kel_prefs": {"policy": {"browser_urls": 0,
-          "browser_urls": []}}})",
-       {kPolicyRead, kNoBrowser}},
+          "browser_urls": []}}})", {kPolicyRead, kNoBrowser}, none},
   };
   // A level of another JSON type, null included, counts as missing.
   for (const std::string value : {"null", "true", "0", "\"text\"", "[]", "[{}]", "{}"}) {
     if (value != "{}") {
-      cases.push_back({R"({"kel_prefs": )" + value + "}", {kNoKelPrefs, kNoBrowser}});
-      cases.push_back({R"({"kel_prefs": {"policy": )" + value + "}}", {kNoPolicy, kNoBrowser}});
-      cases.push_back({R"({"browser": )" + value + "}", {kNoKelPrefs, kNoBrowser}});
+      cases.push_back({R"({"kel_prefs": )" + value + "}", {kNoKelPrefs, kNoBrowser}, none});
+      cases.push_back({R"({"kel_prefs": {"policy": )" + value + "}}", {kNoPolicy, kNoBrowser}, none});
+      cases.push_back({R"({"browser": )" + value + "}", {kNoKelPrefs, kNoBrowser}, none});
     }
-    if (value[0] != '[') {
-      cases.push_back({R"({"kel_prefs": {"policy": {"browser_urls": )" + value + "}}}", {kNoBrowserUrls, kNoBrowser}});
-    }
-    if (value[0] != '"') {
-      cases.push_back({R"({"browser": {"browserPathForNonWorkLinks": )" + value + "}}", {kNoKelPrefs, kNoBrowserPath}});
-    }
+    std::string urls = R"({"kel_prefs": {"policy": {"browser_urls": )";
+    std::string path = R"({"browser": {"browserPathForNonWorkLinks": )";
+    if (value[0] != '[') cases.push_back({urls + value + "}}}", {kNoBrowserUrls, kNoBrowser}, none});
+    if (value[0] != '"') cases.push_back({path + value + "}}", {kNoKelPrefs, kNoBrowserPath}, none});
   }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.json.substr(0, 200));
-    LocalStatePolicy policy = Read(c.json);
-    EXPECT_EQ(log_.lines(), Parsed(c.lines));
-    EXPECT_EQ(policy.policy_urls.has_value(), c.lines[0] == kPolicyRead);
+  // Only a well-formed URL is kept as the non-work browser, but its line stands anyway.
+  for (const auto& [text, kept] : std::vector<std::pair<std::string, bool>>{  // as written in JSON
+           {"https://intra.corp.test/a/b?x=1#top", true}, {"file:///opt/My%20Browser/run", true},
+           {"/usr/bin/firefox", true}, {"relative/path", true}, {"x-custom+scheme.v1:opaque", true},
+           {"http://[::1]:8080/", true}, {"http://u:p@h/!$&'()*+,;=-._~", true}, {"#fragment?/", true}, {"", false},
+           {"/opt/My Browser/run", false}, {"file:///a%2", false}, {"file:///a%zz", false}, {"http://h/<p>", false},
+           {R"(http://h/a\\b)", false}, {"http://h/\xC3\xA9", false}, {R"(http://h/\u0000)", false},
+           {"http://h/#a#b", false}, {"1http://h/", false}, {"ht_tp://h/", false}, {":no-scheme", false}}) {
+    std::optional<std::string> url = kept ? std::optional(text) : none;
+    cases.push_back({R"({"browser": {"browserPathForNonWorkLinks": ")" + text + "\"}}", {kNoKelPrefs, kBrowserRead},
+                     url});
+  }
+  for (const auto& [json, lines, browser] : cases) {
+    SCOPED_TRACE(json.substr(0, 200));
+    LocalStatePolicy policy = Read(json);
+    EXPECT_EQ(log_.lines(), Parsed(lines));
+    EXPECT_EQ(policy.policy_urls.has_value(), lines[0] == kPolicyRead);
     EXPECT_TRUE(!policy.policy_urls || policy.policy_urls->empty());
-    EXPECT_EQ(policy.non_work_browser_url, c.browser);
-  }
-}
-
-TEST_F(LocalStateTest, NonWorkBrowserIsKeptOnlyWhenItIsAWellFormedUrlButItsLineStandsAnyway) {
-  const std::vector<std::pair<std::string, bool>> cases = {  // as written in JSON
-      {"https://intra.corp.test/a/b?x=1#top", true}, {"file:///opt/My%20Browser/run", true},
-      {"/usr/bin/firefox", true}, {"relative/path", true}, {"x-custom+scheme.v1:opaque", true},
-      {"http://[::1]:8080/", true}, {"http://u:p@h/!$&'()*+,;=-._~", true}, {"#fragment?/", true},
-      {"", false}, {"/opt/My Browser/run", false}, {"file:///a%2", false}, {"file:///a%zz", false},
-      {"http://h/<p>", false}, {R"(http://h/a\\b)", false}, {"http://h/\xC3\xA9", false},
-      {R"(http://h/\u0000)", false}, {"http://h/#a#b", false}, {"1http://h/", false}, {"ht_tp://h/", false},
-      {":no-scheme", false},
-  };
-  for (const auto& [text, kept] : cases) {
-    LocalStatePolicy policy = Read(R"({"browser": {"browserPathForNonWorkLinks": ")" + text + "\"}}");
-    EXPECT_EQ(log_.lines(), Parsed({kNoKelPrefs, kBrowserRead})) << text;
-    EXPECT_EQ(policy.non_work_browser_url, kept ? std::optional(text) : std::nullopt) << text;
+    EXPECT_EQ(policy.non_work_browser_url, browser);
   }
 }
 

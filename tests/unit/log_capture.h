@@ -1,5 +1,4 @@
-// Captures the lines the code under test logs, from any thread, instead of
-// writing them anywhere.
+// Captures the lines the code under test logs, from any thread, instead of writing them anywhere.
 #ifndef TESTS_UNIT_LOG_CAPTURE_H_
 #define TESTS_UNIT_LOG_CAPTURE_H_
 
@@ -15,7 +14,7 @@ namespace corvane_test {
 
 struct Line {
   int severity;
-  std::string message;  // without the prefix and the newline
+  std::string message;    // without the prefix and the newline
   std::string full = "";  // as written, prefix and newline included; not compared
   bool operator==(const Line& other) const { return severity == other.severity && message == other.message; }
 };
@@ -30,21 +29,19 @@ class LogCapture {
   LogCapture() : saved_level_(logging::GetMinimumLogLevel()) {
     active_ = this;
     logging::SetMinimumLogLevel(-1);
-    logging::SetLogMessageHandler(&Handle);
+    logging::SetLogMessageHandler([](int severity, const char*, int, size_t start, const std::string& line) {
+      std::lock_guard<std::mutex> lock(active_->mutex_);
+      active_->lines_.push_back({severity, line.substr(start, line.size() - start - 1), line});
+      return true;
+    });
   }
   ~LogCapture() {
     logging::SetLogMessageHandler(nullptr);
     logging::SetMinimumLogLevel(saved_level_);
-    active_ = nullptr;
   }
   std::vector<Line> lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
-  }
-  std::vector<std::string> messages() const {
-    std::vector<std::string> result;
-    for (const Line& line : lines()) result.push_back(line.message);
-    return result;
   }
   void Clear() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -52,12 +49,6 @@ class LogCapture {
   }
 
  private:
-  static bool Handle(int severity, const char*, int, size_t start, const std::string& line) {
-    std::lock_guard<std::mutex> lock(active_->mutex_);
-    active_->lines_.push_back({severity, line.substr(start, line.size() - start - 1), line});
-    return true;
-  }
-
   inline static LogCapture* active_ = nullptr;
   int saved_level_;
   mutable std::mutex mutex_;
