@@ -155,8 +155,11 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
   setenv("CORVANE_RECORDER_DIR", dir.path().c_str(), 1);
   ASSERT_TRUE(corvane_test::WriteFile(dir.Child("true.desktop"), "[Desktop Entry]\nType=Application\nExec=true %u\n"));
   ASSERT_TRUE(corvane_test::WriteFile(dir.Child("garbage.desktop"), "this is no desktop entry\n"));
+  ASSERT_TRUE(corvane_test::WriteFile(dir.Child("recorder.desktop"), "[Desktop Entry]\nType=Application\nExec=" +
+                                                                         std::string(CORVANE_RECORDER_BROWSER) + " %u\n"));
   const std::vector<std::pair<std::optional<std::string>, bool>> cases = {
       {std::string("file://") + CORVANE_RECORDER_BROWSER, true}, {"file://" + dir.Child("true.desktop"), true},
+      {"file://" + dir.Child("recorder.desktop"), true},
       {std::nullopt, false}, {"file://" + dir.path(), false}, {"file://" + dir.Child("garbage.desktop"), false},
   };
   LinuxWorkspace workspace{LaunchEnvironment{}};
@@ -168,10 +171,13 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
     ASSERT_TRUE(RunMainLoopUntil([&] { return result.has_value(); }));
     EXPECT_EQ(*result, succeeds);
   }
-  // The stand-in exits at once; as our child it stays in /proc until reaped.
-  std::vector<corvane_test::BrowserRecord> records = corvane_test::WaitForBrowserRecords(dir.path(), 1);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_TRUE(RunMainLoopUntil([&] { return !corvane_test::FileExists("/proc/" + std::to_string(records[0].pid)); }));
+  // The stand-in exits at once; as our child, started directly or from its entry, it stays in /proc until reaped.
+  std::vector<corvane_test::BrowserRecord> records = corvane_test::WaitForBrowserRecords(dir.path(), 2);
+  ASSERT_EQ(records.size(), 2u);
+  for (const corvane_test::BrowserRecord& record : records) {
+    EXPECT_EQ(record.args, std::vector<std::string>{"https://example.com/"});
+    EXPECT_TRUE(RunMainLoopUntil([&] { return !corvane_test::FileExists("/proc/" + std::to_string(record.pid)); }));
+  }
 
   // A retry started from inside a completion, as the delegate does.
   std::vector<bool> results;
