@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds the benchmark programs (release with debug info) and prints their
-# figures. Extra arguments go to every program (e.g. --benchmark_filter=...).
+# figures, then the click latency of the dispatcher as the package builds it
+# (bench/click_latency.sh). Extra arguments go to every benchmark program
+# (e.g. --benchmark_filter=...).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -11,3 +13,5 @@ for bench in build/default/bench/*_bench; do
   echo "== $(basename "$bench")"
   "$bench" "$@"
 done
+echo "== click latency"
+bench/click_latency.sh

@@ -7,16 +7,28 @@
 # desktop entry validates, the manual pages render, real Chromium and Firefox
 # get their links through the installed dispatcher (the real-browsers test of
 # build/ci), and apt-get removes it again without a trace.
+#
+# With --build-only it builds the programs as the package has them
+# (build/package/corvane-dispatcher, ...) and makes no package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 check=false
-[[ "${1:-}" == "--check" ]] && check=true
+build_only=false
+case "${1:-}" in
+  --check) check=true ;;
+  --build-only) build_only=true ;;
+esac
 
-scripts/install-deps.sh --desktop
+if $check; then
+  scripts/install-deps.sh --desktop
+else
+  scripts/install-deps.sh --package
+fi
 eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
 cmake --preset package -DCMAKE_C_FLAGS="$CPPFLAGS $CFLAGS" -DCMAKE_CXX_FLAGS="$CPPFLAGS $CXXFLAGS" \
   -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" >/dev/null
 cmake --build --preset package -j "$(nproc)"
+$build_only && exit 0
 rm -f build/package/*.deb
 (cd build/package && cpack -G DEB >/dev/null)
 deb=$(ls build/package/corvane-dispatcher_*_amd64.deb)

@@ -1,5 +1,6 @@
 #include "platform/linux/linux_workspace.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
@@ -9,6 +10,7 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include <string_view>
 #include <utility>
 
 #include "dispatcher/url.h"
@@ -71,10 +73,9 @@ bool StartsOverSessionBus(GDesktopAppInfo* info) {
 // GIO's launch helper reports success as soon as it runs, even when the
 // entry's program has gone, so a vanished program must be caught here for
 // the retry to happen. The Exec line is parsed with shell quoting because
-// entries may quote a program path that contains blanks. Over the session
-// bus no program on disk is needed, and GIO reports a failed activation.
+// entries may quote a program path that contains blanks. (Over the session
+// bus no program on disk is needed, and GIO reports a failed activation.)
 bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
-  if (StartsOverSessionBus(info)) return true;
   gchar* exec = g_desktop_app_info_get_string(info, "Exec");
   if (!exec) return false;
   gint argc = 0;
@@ -140,7 +141,62 @@ void OnDesktopLaunchFinished(GObject* source, GAsyncResult* result, gpointer dat
   delete launch;
 }
 
+enum class DesktopFileLoad { kUnloadable, kHidden, kVisible };
+
+// Whether GIO would load the desktop file at `path` as an application, and
+// whether it is hidden: the tests of GIO's loader, which skips a file that
+// fails them and goes on to the next folder.
+DesktopFileLoad LoadDesktopFile(const char* path) {
+  GKeyFile* file = g_key_file_new();
+  DesktopFileLoad load = DesktopFileLoad::kUnloadable;
+  gchar* start_group = nullptr;
+  gchar* type = nullptr;
+  gchar* try_exec = nullptr;
+  gchar* exec = nullptr;
+  auto found_in_path = [](const char* program) {
+    gchar* found = g_find_program_in_path(program);
+    bool present = found != nullptr;
+    g_free(found);
+    return present;
+  };
+  if (g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, nullptr) &&
+      (start_group = g_key_file_get_start_group(file)) != nullptr &&
+      strcmp(start_group, G_KEY_FILE_DESKTOP_GROUP) == 0 &&
+      (type = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_TYPE, nullptr)) &&
+      strcmp(type, G_KEY_FILE_DESKTOP_TYPE_APPLICATION) == 0) {
+    try_exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_TRY_EXEC, nullptr);
+    exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_EXEC, nullptr);
+    bool loads = !try_exec || !*try_exec || found_in_path(try_exec);
+    if (loads && exec && *exec) {
+      gint argc = 0;
+      gchar** argv = nullptr;
+      loads = g_shell_parse_argv(exec, &argc, &argv, nullptr) && found_in_path(argv[0]);
+      g_strfreev(argv);
+    }
+    if (loads) {
+      load = g_key_file_get_boolean(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_HIDDEN, nullptr)
+                 ? DesktopFileLoad::kHidden
+                 : DesktopFileLoad::kVisible;
+    }
+  }
+  g_free(exec);
+  g_free(try_exec);
+  g_free(type);
+  g_free(start_group);
+  g_key_file_free(file);
+  return load;
+}
+
+// GIO sees the files of a folder that it can list.
+bool FolderIsListable(const char* path) {
+  DIR* folder = opendir(path);
+  if (folder) closedir(folder);
+  return folder != nullptr;
+}
+
 void ReapChild(GPid pid, gint /*status*/, gpointer /*data*/) { g_spawn_close_pid(pid); }
+
+void WatchDesktopEntryChild(GDesktopAppInfo*, GPid pid, gpointer) { g_child_watch_add(pid, ReapChild, nullptr); }
 
 // Starts `path` with the URL as its only argument, without a shell and
 // without any fallback: unlike GLib's spawn functions, which hand a file the
@@ -179,6 +235,25 @@ int SpawnBrowser(const std::string& path, const std::string& url, gchar** envp) 
 
 }  // namespace
 
+std::optional<std::string> FindDesktopFile(const char* desktop_id) {
+  std::vector<const gchar*> data_folders = {g_get_user_data_dir()};
+  for (const gchar* const* folder = g_get_system_data_dirs(); *folder; ++folder) data_folders.push_back(*folder);
+  for (const gchar* data_folder : data_folders) {
+    // The same text as GIO's path of the file, so that the same file URL follows.
+    gchar* applications = g_build_filename(data_folder, "applications", nullptr);
+    gchar* path = g_build_filename(applications, desktop_id, nullptr);
+    DesktopFileLoad load = LoadDesktopFile(path);
+    bool found = load != DesktopFileLoad::kUnloadable && FolderIsListable(applications);
+    std::optional<std::string> result;
+    if (found && load == DesktopFileLoad::kVisible) result = std::string(path);
+    g_free(path);
+    g_free(applications);
+    // The first folder that has a loadable file decides, hidden or not.
+    if (found) return result;
+  }
+  return std::nullopt;
+}
+
 LaunchEnvironment CaptureLaunchEnvironment() {
   LaunchEnvironment environment;
   environment.xdg_activation_token = GetEnvironmentVariable("XDG_ACTIVATION_TOKEN");
@@ -207,17 +282,16 @@ void LinuxWorkspace::SetDeliveryLoopDepth(int depth) {
 
 bool LinuxWorkspace::CanOpenUrls() { return true; }
 
+static_assert(std::string_view(kWorkBrowserDesktopId).find('-') == std::string_view::npos,
+              "FindDesktopFile does not map ids to subfolders");
+
 std::optional<Url> LinuxWorkspace::WorkBrowserLocation() {
-  GDesktopAppInfo* info = g_desktop_app_info_new(kWorkBrowserDesktopId);
-  if (!info) return std::nullopt;
+  std::optional<std::string> filename = FindDesktopFile(kWorkBrowserDesktopId);
+  if (!filename) return std::nullopt;
   std::optional<Url> location;
-  const char* filename = g_desktop_app_info_get_filename(info);
-  if (filename) {
-    gchar* uri = g_filename_to_uri(filename, nullptr, nullptr);
-    if (uri) location = std::string(uri);
-    g_free(uri);
-  }
-  g_object_unref(info);
+  gchar* uri = g_filename_to_uri(filename->c_str(), nullptr, nullptr);
+  if (uri) location = std::string(uri);
+  g_free(uri);
   return location;
 }
 
@@ -270,7 +344,8 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
 
   if (EndsWith(*path, kDesktopEntrySuffix)) {
     GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(path->c_str());
-    if (!info || !DesktopEntryProgramIsRunnable(info)) {
+    const bool over_session_bus = info && StartsOverSessionBus(info);
+    if (!info || (!over_session_bus && !DesktopEntryProgramIsRunnable(info))) {
       if (info) g_object_unref(info);
       CompleteLater(std::move(completion), false);
       return;
@@ -289,10 +364,29 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
       else
         g_app_launch_context_unsetenv(context, name.c_str());
     }
-    auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
-    launch->uris.data = launch->url.data();
-    g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
-                                 OnDesktopLaunchFinished, launch);
+    if (over_session_bus) {
+      // Only the asynchronous launch waits for the activation's answer.
+      auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
+      launch->uris.data = launch->url.data();
+      g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
+                                   OnDesktopLaunchFinished, launch);
+    } else {
+      // GIO's launch as the asynchronous one makes it, except that the
+      // browser is started as our child, reaped like the programs started
+      // directly, rather than through an intermediate process: a fork fewer
+      // for a click. Success means the entry's program was started.
+      std::string uri = url.spec;
+      GList uris = {uri.data(), nullptr, nullptr};
+      GError* error = nullptr;
+      bool started = g_desktop_app_info_launch_uris_as_manager_with_fds(
+          info, &uris, context, static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD), nullptr,
+          nullptr, WatchDesktopEntryChild, nullptr, -1, -1, -1, &error);
+      if (error) {
+        g_debug("Could not start the desktop entry: %s", error->message);
+        g_error_free(error);
+      }
+      CompleteLater(std::move(completion), started);
+    }
     g_object_unref(context);
     g_object_unref(info);
     return;

@@ -31,6 +31,15 @@ LaunchEnvironment CaptureLaunchEnvironment();
 // The desktop entry of the work browser.
 inline constexpr char kWorkBrowserDesktopId[] = "com.velora.velorabrowser.desktop";
 
+// The desktop file that GIO's lookup of `desktop_id` (g_desktop_app_info_new)
+// loads: in the first data folder, $XDG_DATA_HOME then $XDG_DATA_DIRS as GLib
+// reads them, whose applications folder lists the id and whose file GIO can
+// load; nullopt when there is none or that one is Hidden. Found directly,
+// without GIO's scan and watch of every applications folder, which costs more
+// than the rest of a click. Only for ids without "-": no subfolder of an
+// applications folder can give such an id.
+std::optional<std::string> FindDesktopFile(const char* desktop_id);
+
 class LinuxWorkspace : public Workspace {
  public:
   explicit LinuxWorkspace(LaunchEnvironment environment);

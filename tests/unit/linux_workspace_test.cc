@@ -1,8 +1,10 @@
-// What the tests of the dispatcher binary cannot reach cheaply: where locations lead, how fresh a launch's mark must
-// be, completions that never arrive inside OpenUrl, and browsers that must not linger as zombies.
+// What the tests of the dispatcher binary cannot reach cheaply: where locations lead, which desktop file is the work
+// browser's, how fresh a launch's mark must be, completions that never arrive inside OpenUrl, and browsers that must
+// not linger as zombies.
 #include "platform/linux/linux_workspace.h"
 
 #include <glib.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +16,8 @@
 #include "gtest/gtest.h"
 #include "platform/linux/loop_guard.h"
 #include "tests/support/browser_record.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
 
 namespace dispatcher::linux_shell {
 namespace {
@@ -50,6 +54,74 @@ TEST(LinuxWorkspaceTest, LocationsGiveTheirPathAndOnlyLocalFilesCanBeStarted) {
   }
 }
 
+// The work browser's desktop file is the one GIO's own lookup by id gives, over the layouts of data folders that decide
+// it: which folder masks which, files GIO skips, hidden entries, folders it cannot list.
+TEST(LinuxWorkspaceTest, WorkBrowserEntryIsTheOneGioFindsByItsId) {
+  const std::string id = dispatcher::linux_shell::kWorkBrowserDesktopId;
+  const std::string entry = "[Desktop Entry]\nType=Application\nName=W\n";
+  const std::string good = entry + "Exec=sh -c 'exec true' %u\n";
+  struct Case {
+    const char* name;
+    std::vector<std::pair<std::string, std::string>> files;  // path below the root, contents ("->x": link to x)
+    std::string expected;                                     // path below the root, or "-"
+    bool data_home = true;                                    // XDG_DATA_HOME=user, else the default below HOME
+    bool unprivileged = false;
+  };
+  const std::string user = "user/applications/" + id, sys1 = "sys1/applications/" + id,
+                    sys2 = "sys2/applications/" + id;
+  const std::vector<Case> cases = {
+      {"only in a system folder", {{sys2, good}}, sys2},
+      {"the user's folder masks the system's", {{user, good}, {sys1, good}}, user},
+      {"the first system folder masks the next", {{sys1, good}, {sys2, good}}, sys1},
+      {"a hidden entry masks the next folders", {{user, good + "Hidden=true\n"}, {sys1, good}}, "-"},
+      {"a Hidden value that is no boolean is not hidden", {{user, good + "Hidden=maybe\n"}, {sys1, good}}, user},
+      {"TryExec not found: skipped", {{user, good + "TryExec=/nonexistent/b\n"}, {sys1, good}}, sys1},
+      {"TryExec found", {{user, good + "TryExec=sh\n"}, {sys1, good}}, user},
+      {"Exec program not found: skipped", {{user, entry + "Exec=/nonexistent/b %u\n"}, {sys1, good}}, sys1},
+      {"Exec not parsable: skipped", {{user, entry + "Exec=\"sh %u\n"}, {sys1, good}}, sys1},
+      {"no Exec (D-Bus activation) loads", {{user, entry + "DBusActivatable=true\n"}, {sys1, good}}, user},
+      {"not an application: skipped", {{user, "[Desktop Entry]\nType=Link\nURL=x\n"}, {sys1, good}}, sys1},
+      {"another group first: skipped", {{user, "[Desktop Action a]\nName=A\n\n" + good}, {sys1, good}}, sys1},
+      {"no key file: skipped", {{user, "Exec=sh\n"}, {sys1, good}}, sys1},
+      {"a folder of that name: skipped", {{user + "/x", good}, {sys1, good}}, sys1},
+      {"a dangling link: skipped", {{user, "->/nonexistent/entry"}, {sys1, good}}, sys1},
+      {"a link to an entry: the link", {{"elsewhere.desktop", good}, {user, "->../../elsewhere.desktop"}}, user},
+      {"a subfolder gives another id", {{"user/applications/com/velora.velorabrowser.desktop", good}}, "-"},
+      {"no data home: below HOME", {{"home/.local/share/applications/" + id, good}, {sys1, good}},
+       "home/.local/share/applications/" + id, false},
+      {"nowhere", {{"sys1/applications/other.desktop", good}}, "-"},
+      {"a folder that cannot be listed is not seen", {{user, good}, {sys1, good}}, sys1, true, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    corvane_test::TempDir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    for (const auto& [path, contents] : c.files) {
+      std::string full = dir.Child(path);
+      ASSERT_TRUE(corvane_test::MakeDirectories(full.substr(0, full.rfind('/'))));
+      if (contents.starts_with("->")) {
+        ASSERT_EQ(symlink(contents.c_str() + 2, full.c_str()), 0);
+      } else {
+        ASSERT_TRUE(corvane_test::WriteFile(full, contents));
+      }
+    }
+    if (c.unprivileged) {
+      ASSERT_EQ(chmod(dir.Child("user/applications").c_str(), 0311), 0);
+    }
+    corvane_test::ProcessOptions options;
+    options.clear_environment = true;
+    options.env = {{"HOME", dir.Child("home")}, {"PATH", "/usr/bin:/bin"},
+                   {"XDG_DATA_DIRS", dir.Child("sys1") + ":" + dir.Child("sys2")}};
+    if (c.data_home) options.env["XDG_DATA_HOME"] = dir.Child("user");
+    corvane_test::Strings argv = c.unprivileged ? corvane_test::AsUnprivilegedUser() : corvane_test::Strings{};
+    argv.insert(argv.end(), {CORVANE_DESKTOP_FILE_PROBE, id});
+    corvane_test::ProcessResult probe = corvane_test::RunProcess(argv, options);
+    ASSERT_TRUE(probe.exited && probe.exit_code == 0) << probe.err;
+    std::string expected = c.expected == "-" ? "-" : dir.Child(c.expected);
+    EXPECT_EQ(probe.out, expected + "\n" + expected + "\n") << "GIO's answer first, then ours";
+  }
+}
+
 // The mark of a dispatcher's launch counts only while it is fresh and its dispatcher (here: this test program, which
 // stands in for one) still runs; any other mark is a later, legitimate delivery.
 TEST(LinuxWorkspaceTest, LaunchMarksCountWhileFreshAndTheirDispatcherRuns) {
@@ -83,8 +155,11 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
   setenv("CORVANE_RECORDER_DIR", dir.path().c_str(), 1);
   ASSERT_TRUE(corvane_test::WriteFile(dir.Child("true.desktop"), "[Desktop Entry]\nType=Application\nExec=true %u\n"));
   ASSERT_TRUE(corvane_test::WriteFile(dir.Child("garbage.desktop"), "this is no desktop entry\n"));
+  ASSERT_TRUE(corvane_test::WriteFile(dir.Child("recorder.desktop"), "[Desktop Entry]\nType=Application\nExec=" +
+                                                                         std::string(CORVANE_RECORDER_BROWSER) + " %u\n"));
   const std::vector<std::pair<std::optional<std::string>, bool>> cases = {
       {std::string("file://") + CORVANE_RECORDER_BROWSER, true}, {"file://" + dir.Child("true.desktop"), true},
+      {"file://" + dir.Child("recorder.desktop"), true},
       {std::nullopt, false}, {"file://" + dir.path(), false}, {"file://" + dir.Child("garbage.desktop"), false},
   };
   LinuxWorkspace workspace{LaunchEnvironment{}};
@@ -96,10 +171,13 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
     ASSERT_TRUE(RunMainLoopUntil([&] { return result.has_value(); }));
     EXPECT_EQ(*result, succeeds);
   }
-  // The stand-in exits at once; as our child it stays in /proc until reaped.
-  std::vector<corvane_test::BrowserRecord> records = corvane_test::WaitForBrowserRecords(dir.path(), 1);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_TRUE(RunMainLoopUntil([&] { return !corvane_test::FileExists("/proc/" + std::to_string(records[0].pid)); }));
+  // The stand-in exits at once; as our child, started directly or from its entry, it stays in /proc until reaped.
+  std::vector<corvane_test::BrowserRecord> records = corvane_test::WaitForBrowserRecords(dir.path(), 2);
+  ASSERT_EQ(records.size(), 2u);
+  for (const corvane_test::BrowserRecord& record : records) {
+    EXPECT_EQ(record.args, std::vector<std::string>{"https://example.com/"});
+    EXPECT_TRUE(RunMainLoopUntil([&] { return !corvane_test::FileExists("/proc/" + std::to_string(record.pid)); }));
+  }
 
   // A retry started from inside a completion, as the delegate does.
   std::vector<bool> results;
