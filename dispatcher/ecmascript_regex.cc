@@ -1202,11 +1202,11 @@ EcmaScriptRegex TranslateEcmaScript(std::string_view expression, bool write_pcre
     result.is_wildcard = finder.Find(root, &result.wildcard_runs);
     if (!result.is_wildcard) result.wildcard_runs.clear();
   }
-  if (!result.is_wildcard) {
-    Analysis analysis(parser.nodes());
-    result.literal_prefix = analysis.LiteralPrefix(root);
-    result.compiled_size_bound = analysis.SizeBound(root);
-  }
+  Analysis analysis(parser.nodes());
+  // Also for a wildcard: a counted repetition of a group can be one and yet
+  // too large to compile.
+  result.compiled_size_bound = analysis.SizeBound(root);
+  if (!result.is_wildcard) result.literal_prefix = analysis.LiteralPrefix(root);
   if (write_pcre2) {
     Emitter emitter(parser.nodes(), parser.references(), parser.group_count());
     result.pcre2 = emitter.Emit(root);

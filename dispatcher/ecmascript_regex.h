@@ -31,9 +31,9 @@ struct EcmaScriptRegex {
   // those stars, so that the wildcard matcher can answer instead of PCRE2.
   bool is_wildcard = false;
   std::vector<std::string> wildcard_runs;  // one more than there are stars
-  // When valid and not a wildcard: the bytes every match starts with, and a
-  // bound on the number of code units PCRE2's compiled form takes.
+  // When valid and not a wildcard: the bytes every match starts with.
   std::string literal_prefix;
+  // When valid: a bound on the number of code units PCRE2's compiled form takes.
   uint64_t compiled_size_bound = 0;
 };
 

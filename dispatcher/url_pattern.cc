@@ -43,10 +43,6 @@ constexpr size_t kMaxPlainPatternLength = 2048;
 // An expression whose compiled form is bound to stay below this many code
 // units always compiles (the library takes up to 65536).
 constexpr uint64_t kMaxUncheckedCompiledSize = 50000;
-// A wildcard expression this short always compiles (each byte of it takes at
-// most some 17 bytes of compiled form, far below the library's 64 KiB), so it
-// is not compiled just to check it.
-constexpr size_t kMaxUncheckedExpression = 2048;
 
 // Shared by every compilation, which only reads it; never freed.
 pcre2_compile_context* CompileContext() {
@@ -217,13 +213,14 @@ PreparedUrlPattern::PreparedUrlPattern(std::string_view pattern) : pattern_(patt
     more.check.offset = regex.offset;
     return;
   }
-  if (regex.is_wildcard && expression.size() <= kMaxUncheckedExpression) {
-    SetRuns(regex.wildcard_runs);
-    return;
-  }
-  if (!regex.is_wildcard && regex.compiled_size_bound <= kMaxUncheckedCompiledSize) {
-    // Sure to compile: that waits until a subject starts as a match must.
-    more.literal_prefix = std::move(regex.literal_prefix);
+  if (regex.compiled_size_bound <= kMaxUncheckedCompiledSize) {
+    // Sure to compile: a wildcard never needs to, and an expression waits
+    // until a subject starts as a match must.
+    if (regex.is_wildcard) {
+      SetRuns(regex.wildcard_runs);
+    } else {
+      more.literal_prefix = std::move(regex.literal_prefix);
+    }
     return;
   }
   // Possibly too large for the library: compiled now to know.
