@@ -165,6 +165,8 @@ TEST(RealBrowsersTest, LinksReachTheRightRealBrowserByteForByteThroughTheInstall
   const std::string kAscii = "/a%20b/%2F%25%3F%00/semi;colon,plus+tilde~!$&'()*@:%41%7e?q=%26x%3D1&y=%C3%BC&z=+&e=&"
                              "s=`{}|^[]\\%zz";
   const std::string kUnicode = "/\xC3\xBC\xE6\x97\xA5\xE6\x9C\xAC/na\xC3\xAFve?q=\xE6\x97\xA5&r=\xC3\xBC";
+  std::string long_query = "/work/long?";
+  for (int i = 0; long_query.size() < 6000; ++i) long_query += "&k" + std::to_string(i) + "=v%2F" + std::to_string(i);
   // The opener and its URLs. Each delivery waits for the last, so later ones find the browsers running: a second
   // start of either browser on the same profile hands its URL to the running one or opens nothing.
   Strings expected;
@@ -173,7 +175,7 @@ TEST(RealBrowsersTest, LinksReachTheRightRealBrowserByteForByteThroughTheInstall
            {"/usr/bin/gio", "open", base + "/home" + kUnicode + "#\xC3\xBC-section"},
            {"/usr/bin/gio", "open", base + "/work" + kUnicode},
            {"/usr/bin/gio", "launch", prefix + "/share/applications/" + kEntry, base + "/work/several?n=1#one",
-            base + "/home/several?n=2"}}) {
+            base + "/home/several?n=2", base + long_query}}) {
     SCOPED_TRACE(delivery[0] + " " + delivery[1]);
     for (const std::string& url : delivery) {
       if (url.starts_with(base))  // a fragment never reaches the server
