@@ -70,23 +70,31 @@ bool StartsOverSessionBus(GDesktopAppInfo* info) {
   return true;
 }
 
-// GIO's launch helper reports success as soon as it runs, even when the
-// entry's program has gone, so a vanished program must be caught here for
-// the retry to happen. The Exec line is parsed with shell quoting because
-// entries may quote a program path that contains blanks. (Over the session
-// bus no program on disk is needed, and GIO reports a failed activation.)
-bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
-  gchar* exec = g_desktop_app_info_get_string(info, "Exec");
-  if (!exec) return false;
+// Whether `program` is found as GIO looks for one: a path, or a name in PATH.
+bool ProgramFound(const char* program) {
+  gchar* path = g_find_program_in_path(program);
+  const bool found = path != nullptr;
+  g_free(path);
+  return found;
+}
+
+// Whether the program of an Exec line is found. The line is parsed with shell
+// quoting because entries may quote a program path that contains blanks.
+bool ExecProgramFound(const char* exec) {
   gint argc = 0;
   gchar** argv = nullptr;
-  bool runnable = false;
-  if (g_shell_parse_argv(exec, &argc, &argv, nullptr) && argc > 0) {
-    gchar* program = g_find_program_in_path(argv[0]);
-    runnable = program != nullptr;
-    g_free(program);
-  }
+  bool found = g_shell_parse_argv(exec, &argc, &argv, nullptr) && argc > 0 && ProgramFound(argv[0]);
   g_strfreev(argv);
+  return found;
+}
+
+// GIO's launch helper reports success as soon as it runs, even when the
+// entry's program has gone, so a vanished program must be caught here for
+// the retry to happen. (Over the session bus no program on disk is needed,
+// and GIO reports a failed activation.)
+bool DesktopEntryProgramIsRunnable(GDesktopAppInfo* info) {
+  gchar* exec = g_desktop_app_info_get_string(info, "Exec");
+  bool runnable = exec && ExecProgramFound(exec);
   g_free(exec);
   return runnable;
 }
@@ -153,12 +161,6 @@ DesktopFileLoad LoadDesktopFile(const char* path) {
   gchar* type = nullptr;
   gchar* try_exec = nullptr;
   gchar* exec = nullptr;
-  auto found_in_path = [](const char* program) {
-    gchar* found = g_find_program_in_path(program);
-    bool present = found != nullptr;
-    g_free(found);
-    return present;
-  };
   if (g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, nullptr) &&
       (start_group = g_key_file_get_start_group(file)) != nullptr &&
       strcmp(start_group, G_KEY_FILE_DESKTOP_GROUP) == 0 &&
@@ -166,13 +168,8 @@ DesktopFileLoad LoadDesktopFile(const char* path) {
       strcmp(type, G_KEY_FILE_DESKTOP_TYPE_APPLICATION) == 0) {
     try_exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_TRY_EXEC, nullptr);
     exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_EXEC, nullptr);
-    bool loads = !try_exec || !*try_exec || found_in_path(try_exec);
-    if (loads && exec && *exec) {
-      gint argc = 0;
-      gchar** argv = nullptr;
-      loads = g_shell_parse_argv(exec, &argc, &argv, nullptr) && found_in_path(argv[0]);
-      g_strfreev(argv);
-    }
+    bool loads = !try_exec || !*try_exec || ProgramFound(try_exec);
+    if (loads && exec && *exec) loads = ExecProgramFound(exec);
     if (loads) {
       load = g_key_file_get_boolean(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_HIDDEN, nullptr)
                  ? DesktopFileLoad::kHidden
