@@ -8,6 +8,7 @@ packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjs
           clang libc++-14-dev libc++abi-14-dev)
 case "${1:-}" in
   --fuzz) packages+=(clang libclang-rt-14-dev) ;;
+  --mutation) packages+=(python3) ;;
   # The Debian package (scripts/package.sh) and the click latency benchmark.
   --package) packages+=(dpkg-dev file lintian man-db desktop-file-utils xdg-utils libglib2.0-bin) ;;
   # The same, with what the package check runs: the real-browser test.
