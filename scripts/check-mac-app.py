@@ -77,21 +77,18 @@ def uleb(data, pos):
 
 
 def bind_imports(data, start, size):
-    """(symbol, weak import, library ordinal) for each bind in a dyld
-    opcode stream (regular or lazy)."""
+    """(symbol, weak import) for each bind in a dyld
+    opcode stream (regular or lazy); the weak imports are what the linker
+    made of references that the compiler marked weak."""
     imports = []
     pos, end = start, start + size
-    symbol, flags, ordinal = None, 0, 0
+    symbol, flags = None, 0
     while pos < end:
         byte = data[pos]
         pos += 1
         opcode, immediate = byte & 0xF0, byte & 0x0F
-        if opcode == 0x10:  # SET_DYLIB_ORDINAL_IMM
-            ordinal = immediate
-        elif opcode == 0x20:  # SET_DYLIB_ORDINAL_ULEB
-            ordinal, pos = uleb(data, pos)
-        elif opcode == 0x30:  # SET_DYLIB_SPECIAL_IMM
-            ordinal = immediate - 16 if immediate else 0
+        if opcode == 0x20:  # SET_DYLIB_ORDINAL_ULEB
+            _, pos = uleb(data, pos)
         elif opcode == 0x40:  # SET_SYMBOL_TRAILING_FLAGS_IMM
             name_end = data.index(b"\0", pos)
             symbol, flags = data[pos:name_end].decode("utf-8", "replace"), immediate
@@ -104,32 +101,12 @@ def bind_imports(data, start, size):
             elif opcode == 0xC0:
                 _, pos = uleb(data, pos)
                 _, pos = uleb(data, pos)
-            imports.append((symbol, bool(flags & 1), ordinal))
+            imports.append((symbol, bool(flags & 1)))
         elif opcode == 0xD0:  # THREADED
             if immediate == 0:
                 _, pos = uleb(data, pos)
-        # DONE (0x00, also the lazy entries' separator) and SET_TYPE_IMM carry nothing.
-    return imports
-
-
-def chained_imports(data, start):
-    """The same for LC_DYLD_CHAINED_FIXUPS."""
-    (_, _, imports_offset, symbols_offset, count, imports_format,
-     _) = struct.unpack_from("<7I", data, start)
-    imports = []
-    for i in range(count):
-        if imports_format == 3:
-            value = struct.unpack_from("<Q", data, start + imports_offset + 16 * i)[0]
-            ordinal, weak, name = value & 0xFFFF, bool(value >> 16 & 1), value >> 32
-            ordinal = ordinal - 0x10000 if ordinal >= 0xFFF0 else ordinal
-        else:
-            stride = 4 if imports_format == 1 else 8
-            value = struct.unpack_from("<I", data, start + imports_offset + stride * i)[0]
-            ordinal, weak, name = value & 0xFF, bool(value >> 8 & 1), value >> 9
-            ordinal = ordinal - 0x100 if ordinal >= 0xF0 else ordinal
-        name_start = start + symbols_offset + name
-        symbol = data[name_start:data.index(b"\0", name_start)].decode("utf-8", "replace")
-        imports.append((symbol, weak, ordinal))
+        # The rest (DONE, also the lazy entries' separator; the ordinal and
+        # type immediates) carry no operand.
     return imports
 
 
@@ -143,6 +120,9 @@ class Slice:
         self.minos = None
         self.dylibs, self.rpaths, self.imports = [], [], []
         self.signature = None  # (offset, size)
+        # Chained fixups (macOS 12 and later targets) are not read: such a
+        # slice fails the bind check rather than pass it unseen.
+        self.binds_read = False
         pos = 32
         for _ in range(ncmds):
             cmd, cmdsize = struct.unpack_from("<2I", data, pos)
@@ -163,8 +143,7 @@ class Slice:
                     struct.unpack_from("<10I", data, pos + 8)
                 self.imports += bind_imports(data, bind_off, bind_size)
                 self.imports += bind_imports(data, lazy_off, lazy_size)
-            elif cmd == 0x80000034:  # LC_DYLD_CHAINED_FIXUPS
-                self.imports += chained_imports(data, struct.unpack_from("<I", data, pos + 8)[0])
+                self.binds_read = True
             elif cmd == 0x1D:  # LC_CODE_SIGNATURE
                 self.signature = struct.unpack_from("<2I", data, pos + 8)
             pos += cmdsize
@@ -456,7 +435,7 @@ def check_executables(app, info, sdk):
     # One reading of the headers for every symbol that any slice binds.
     every_slice = [slice_ for found in executables.values() for slice_ in found]
     index = availability_index(sdk, {d for s in every_slice for d in s.dylibs},
-                               {symbol for s in every_slice for symbol, weak, _ in s.imports if not weak})
+                               {symbol for s in every_slice for symbol, weak in s.imports if not weak})
     for name, found in executables.items():
         mode = os.stat(os.path.join(app, "Contents", "MacOS", name)).st_mode
         report(sorted(s.arch for s in found) == ["arm64", "x86_64"] and mode & 0o111 == 0o111,
@@ -476,9 +455,9 @@ def check_executables(app, info, sdk):
             report(not foreign and not slice_.rpaths,
                    f"{label}: loads only system libraries, no rpaths"
                    + (f" (has {', '.join(foreign + slice_.rpaths)})" if foreign or slice_.rpaths else ""))
-            strong = {symbol for symbol, weak, _ in slice_.imports if not weak}
+            strong = {symbol for symbol, weak in slice_.imports if not weak}
             newer = sorted(f"{s} ({version_text(index[s])})" for s in strong if s in index and index[s] > promise)
-            report(not newer, f"{label}: binds nothing newer than macOS {version_text(promise)} strongly "
+            report(slice_.binds_read and not newer, f"{label}: binds nothing newer than macOS {version_text(promise)} strongly "
                               f"({len(strong)} symbols, {sum(1 for s in strong if s in index)} annotated)"
                    + (": " + ", ".join(newer) if newer else ""))
             if slice_.signature:

@@ -280,7 +280,7 @@ version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$out/x86_64/CMakeCache.t
 zip_file="$out/Corvane-Dispatcher-$version-macos.zip"
 step "zip"
 # Unix modes and links as they are, in a fixed order and with the time of
-# the last commit, so that the same sources give the same zip.
+# the last commit, so that the same app gives the same zip.
 stamp=$(git -C "$root" log -1 --format=%ct 2>/dev/null || date +%s)
 python3 - "$app" "$zip_file" "$stamp" <<'EOF'
 import os, stat, sys, time, zipfile
