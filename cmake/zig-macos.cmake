@@ -6,9 +6,11 @@
 #   CORVANE_ZIG         the zig executable, version 0.11 (default: $CORVANE_ZIG)
 #   CORVANE_MACOS_ARCH  x86_64 or arm64 (default: x86_64)
 #
-# Zig 0.11 links for macOS 11 and later only, so both architectures link
-# with deployment target 11.0 here; the x86_64 promise of 10.13 is held by
-# the compile check in scripts/mac-build.sh and by a build on a Mac.
+# Zig 0.11 links for macOS 11 and later only (it has no C headers to build
+# its C++ library for an older system), so both architectures link with
+# deployment target 11.0 here, and the app's Info.plist says so. The x86_64
+# build for 10.13 is a Mac's (the macos preset); the compile check in
+# scripts/mac-build.sh keeps the sources fit for it.
 
 if(NOT CORVANE_MACOS_SDK)
   set(CORVANE_MACOS_SDK "$ENV{MACOS_SDK}")
@@ -43,8 +45,10 @@ set(CMAKE_SYSTEM_PROCESSOR ${CORVANE_MACOS_ARCH})
 set(CMAKE_C_COMPILER "${CORVANE_ZIG}" cc)
 set(CMAKE_CXX_COMPILER "${CORVANE_ZIG}" c++)
 set(CMAKE_OBJCXX_COMPILER "${CORVANE_ZIG}" c++)
+# What packaging/macos.cmake writes into Info.plist as the oldest system.
+set(CORVANE_MACOS_DEPLOYMENT_TARGET 11.0)
 foreach(lang C CXX OBJCXX)
-  set(CMAKE_${lang}_COMPILER_TARGET ${zig_arch}-macos.11.0)
+  set(CMAKE_${lang}_COMPILER_TARGET ${zig_arch}-macos.${CORVANE_MACOS_DEPLOYMENT_TARGET})
 endforeach()
 set(CMAKE_OSX_ARCHITECTURES "" CACHE STRING "One architecture per build: the target says which" FORCE)
 set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "The target says which" FORCE)

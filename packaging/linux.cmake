@@ -6,6 +6,9 @@ set(CORVANE_PACKAGING_OUT ${CMAKE_CURRENT_BINARY_DIR}/packaging)
 
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/com.halvard.corvane.dispatcher.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+# The icon the entry names, from the SVG that the macOS app's icon is made of too.
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/packaging/com.halvard.corvane.dispatcher.svg
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/LICENSE DESTINATION ${CORVANE_DOC_DIR})
 install(FILES "${CMAKE_CURRENT_SOURCE_DIR}/demo/Local State" DESTINATION ${CORVANE_DOC_DIR}/examples)
 

@@ -3,9 +3,14 @@
 #   1. every source of the Mac build compiles for x86_64 macOS 10.13 and arm64
 #      macOS 11 against the SDK, with Apple's availability checks as errors;
 #   2. the CMake project, configured once per architecture with
-#      cmake/zig-macos.cmake, links both executables, and llvm-lipo joins them
-#      into build/mac/Corvane Dispatcher.app (and build/mac/corvane-dispatcher-policy);
-#   3. both slices have no undefined symbols and Info.plist carries its keys.
+#      cmake/zig-macos.cmake, links both executables (for macOS 11, the
+#      oldest Zig links for), and llvm-lipo joins each pair into
+#      build/mac/Corvane Dispatcher.app, the policy tool beside the
+#      dispatcher in Contents/MacOS;
+#   3. the app goes into build/mac/Corvane-Dispatcher-<version>-macos.zip,
+#      its SHA-256 into the .sha256 file beside it;
+#   4. scripts/check-mac-app.py checks the app and the zip for what a Mac
+#      would refuse or get wrong.
 #
 # Usage: MACOS_SDK=/path/to/sdk scripts/mac-build.sh
 # The SDK directory holds Frameworks/, include/ and lib/. The tools it needs
@@ -76,8 +81,8 @@ need llvm-lipo-14 llvm-14
 need cmake cmake
 need ninja ninja-build
 need npm npm
-need file file
 need python3 python3
+need rsvg-convert librsvg2-bin
 need apt-get apt
 if [[ ${#missing[@]} -gt 0 ]]; then
   sudo=""
@@ -260,47 +265,54 @@ done
 
 step "universal binaries"
 app="$out/Corvane Dispatcher.app"
-exe="$app/Contents/MacOS/corvane-dispatcher"
 rm -rf "$app"
-# The bundle as the CMake project assembles it, with the joined executable.
+# The bundle as the CMake project assembles it, with the joined executables.
 cp -R "$out/x86_64/Corvane Dispatcher.app" "$app"
-llvm-lipo-14 -create "$out/x86_64/corvane-dispatcher" "$out/arm64/corvane-dispatcher" -output "$exe"
-llvm-lipo-14 -create "$out/x86_64/tools/corvane-dispatcher-policy" \
-  "$out/arm64/tools/corvane-dispatcher-policy" -output "$out/corvane-dispatcher-policy"
+for name in corvane-dispatcher corvane-dispatcher-policy; do
+  llvm-lipo-14 -create "$out/x86_64/Corvane Dispatcher.app/Contents/MacOS/$name" \
+    "$out/arm64/Corvane Dispatcher.app/Contents/MacOS/$name" -output "$app/Contents/MacOS/$name"
+done
+
+# ---------------------------------------------------------------- zip
+# One version, the CMake project's.
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$out/x86_64/CMakeCache.txt")
+[[ -n "$version" ]] || fail "no project version in $out/x86_64/CMakeCache.txt"
+zip_file="$out/Corvane-Dispatcher-$version-macos.zip"
+step "zip"
+# Unix modes and links as they are, in a fixed order and with the time of
+# the last commit, so that the same app gives the same zip.
+stamp=$(git -C "$root" log -1 --format=%ct 2>/dev/null || date +%s)
+python3 - "$app" "$zip_file" "$stamp" <<'EOF'
+import os, stat, sys, time, zipfile
+app, archive, stamp = sys.argv[1], sys.argv[2], int(sys.argv[3])
+parent = os.path.dirname(app)
+date = time.gmtime(max(stamp, 315532800))[:6]
+paths = [app]
+for directory, folders, files in os.walk(app):
+    paths += [os.path.join(directory, name) for name in folders + files]
+with zipfile.ZipFile(archive + ".tmp", "w") as z:
+    for path in sorted(paths):
+        mode = os.lstat(path).st_mode
+        name = os.path.relpath(path, parent)
+        if stat.S_ISDIR(mode):
+            name += "/"
+        info = zipfile.ZipInfo(name, date)
+        info.create_system = 3
+        info.external_attr = (mode & 0xFFFF) << 16 | (0x10 if stat.S_ISDIR(mode) else 0)
+        if stat.S_ISLNK(mode):
+            z.writestr(info, os.readlink(path))
+        elif stat.S_ISDIR(mode):
+            z.writestr(info, b"")
+        else:
+            info.compress_type = zipfile.ZIP_DEFLATED
+            with open(path, "rb") as f:
+                z.writestr(info, f.read())
+os.replace(archive + ".tmp", archive)
+EOF
+(cd "$out" && sha256sum "$(basename "$zip_file")" >"$zip_file.sha256")
 
 # ---------------------------------------------------------------- verify
 step "verify"
-for binary in "$exe" "$out/corvane-dispatcher-policy"; do
-  archs_found=$(llvm-lipo-14 -archs "$binary" | xargs)
-  [[ " $archs_found " == *" x86_64 "* && " $archs_found " == *" arm64 "* ]] \
-    || fail "$binary holds '$archs_found', not x86_64 and arm64"
-  for arch in "${archs[@]}"; do
-    header=$(llvm-objdump-14 --macho --private-header --arch="$arch" "$binary")
-    grep -q NOUNDEFS <<<"$header" || fail "$binary ($arch) has undefined symbols"
-  done
-  echo "$(basename "$binary"): $archs_found, each NOUNDEFS"
-done
-# arm64 Macs run only signed code; the linker signs ad hoc.
-llvm-objdump-14 --macho --all-headers --arch=arm64 "$exe" | grep -q LC_CODE_SIGNATURE \
-  || fail "the arm64 slice has no code signature"
-file -r "$exe" | sed "s|$root/||"
-python3 - "$app" <<'EOF'
-import os, plistlib, sys
-app = sys.argv[1]
-with open(os.path.join(app, "Contents", "Info.plist"), "rb") as f:
-    info = plistlib.load(f)
-schemes = {s for t in info.get("CFBundleURLTypes", []) for s in t.get("CFBundleURLSchemes", [])}
-checks = {
-    "CFBundleIdentifier is com.halvard.corvane.dispatcher":
-        info.get("CFBundleIdentifier") == "com.halvard.corvane.dispatcher",
-    "CFBundleExecutable names the executable":
-        os.path.isfile(os.path.join(app, "Contents", "MacOS", info.get("CFBundleExecutable", "?"))),
-    "LSUIElement is set": info.get("LSUIElement") is True,
-    "LSMinimumSystemVersion is 10.13": info.get("LSMinimumSystemVersion") == "10.13",
-    "CFBundleURLTypes has http and https": {"http", "https"} <= schemes,
-}
-for text, ok in checks.items():
-    print(("ok      " if ok else "WRONG   ") + "Info.plist: " + text)
-sys.exit(0 if all(checks.values()) else 1)
-EOF
-echo "Built: ${app#"$root/"} and ${out#"$root/"}/corvane-dispatcher-policy"
+python3 "$root/scripts/check-mac-app.py" --sdk "$sdk" --version "$version" "$app" "$zip_file" \
+  || fail "the app or its zip would fail on a Mac (above)"
+echo "Built: ${app#"$root/"} and ${zip_file#"$root/"}"

@@ -57,6 +57,7 @@ diff <(dpkg-deb --fsys-tarfile "$deb" | tar -t | grep -v '/$' | sort) - <<'FILES
 ./usr/share/doc/corvane-dispatcher/changelog.gz
 ./usr/share/doc/corvane-dispatcher/copyright
 ./usr/share/doc/corvane-dispatcher/examples/Local State
+./usr/share/icons/hicolor/scalable/apps/com.halvard.corvane.dispatcher.svg
 ./usr/share/man/man1/corvane-dispatcher-policy.1.gz
 ./usr/share/man/man1/corvane-dispatcher.1.gz
 FILES

@@ -31,6 +31,15 @@ void ReportFailureLater(Workspace::Completion completion) {
   });
 }
 
+// Only an application on this machine can be started: a file URL with no
+// host but localhost. Anything else (another scheme, a bare path) fails to
+// start, as on Linux, and the URL is retried in the work browser.
+bool IsLocalFileUrl(NSURL* url) {
+  NSString* host = [url host];
+  return [url isFileURL] &&
+         ([host length] == 0 || [host caseInsensitiveCompare:@"localhost"] == NSOrderedSame);
+}
+
 // The same file system object, whatever path (links, case) leads to it.
 bool SameFile(NSURL* a, NSURL* b) {
   if (!a || !b) return false;
@@ -99,8 +108,9 @@ void MacWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application
       NSURL* target = NSURLFromUrl(url);
       NSURL* app = application ? NSURLFromUrl(*application) : nil;
       // The workspace takes no absent application (its parameter is
-      // non-null): a work browser that is not installed is a failed open.
-      if (!target || !app) {
+      // non-null): a work browser that is not installed is a failed open,
+      // and so is a location that is no application on this machine.
+      if (!target || !app || !IsLocalFileUrl(app)) {
         ReportFailureLater(std::move(completion));
         return;
       }
