@@ -137,6 +137,10 @@ void DeliveryBus::StopTaking() {
   if (reply) g_variant_unref(reply);
 }
 
+void DeliveryBus::Flush() {
+  if (bus_) g_dbus_connection_flush_sync(bus_, nullptr, nullptr);
+}
+
 void DeliveryBus::OnMethodCall(GDBusConnection* connection, const gchar* sender, const gchar*, const gchar*,
                                const gchar*, GVariant* parameters, GDBusMethodInvocation* invocation,
                                gpointer data) {

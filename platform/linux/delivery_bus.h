@@ -60,6 +60,10 @@ class DeliveryBus {
   // taken; the name goes, so that the next dispatcher takes it.
   void StopTaking();
 
+  // Writes out what is queued for the bus (acknowledgements, replies): the
+  // process may end next.
+  void Flush();
+
   // In a later one: hands `delivery` to the first and runs the default main
   // context until that one has seen every argument through, fails, or keeps
   // silent for longer than the patience. `acknowledged[i]` becomes true as

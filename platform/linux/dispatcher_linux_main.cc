@@ -209,6 +209,7 @@ gboolean OnEndingSignal(gint, GIOCondition, gpointer data) {
     shell->delegate->applicationWillTerminateOnSignal(SignalName(signal_number), std::move(unhanded));
     if (shell->started_up) shell->delegate->applicationWillTerminate();
   }
+  shell->bus->Flush();
   signal(signal_number, SIG_DFL);
   raise(signal_number);
   _exit(128 + signal_number);
@@ -274,6 +275,9 @@ int main(int argc, char** argv) {
   // their deliveries themselves.
   while (g_main_context_iteration(nullptr, FALSE)) {
   }
+  // Acknowledgements and answers still queued would be lost with the
+  // process, and their senders would open again what was opened.
+  shell.bus->Flush();
   shell.delegate->applicationWillTerminate();
   return 0;
 }
