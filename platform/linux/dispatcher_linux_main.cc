@@ -6,6 +6,7 @@
 // ours alone (GApplication would take some as its own options). Its
 // single-instance forwarding is replaced by platform/linux/delivery_bus.h,
 // which bounds the wait and acknowledges each URL.
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
 #include <signal.h>
@@ -53,6 +54,15 @@ void NoteEndingSignal(int signal_number) {
 
 void InstallSignalHandlers() {
   if (!g_unix_open_pipe(g_signal_pipe, FD_CLOEXEC, nullptr)) return;
+  // Started with standard descriptors closed, the pipe must not stand in for
+  // them: the log would write into it.
+  for (int& end : g_signal_pipe) {
+    if (end > STDERR_FILENO) continue;
+    const int moved = fcntl(end, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(end);
+    end = moved;
+  }
+  if (g_signal_pipe[0] < 0 || g_signal_pipe[1] < 0) return;
   g_unix_set_fd_nonblocking(g_signal_pipe[1], TRUE, nullptr);
   struct sigaction action = {};
   action.sa_handler = NoteEndingSignal;
@@ -251,7 +261,7 @@ int main(int argc, char** argv) {
   shell.application_shell.emplace(&shell);
   shell.delegate.emplace(*shell.workspace, *shell.application_shell);
   shell.loop = g_main_loop_new(nullptr, FALSE);
-  if (g_signal_pipe[0] >= 0) {
+  if (g_signal_pipe[0] >= 0 && g_signal_pipe[1] >= 0) {
     g_unix_fd_add_full(G_PRIORITY_HIGH, g_signal_pipe[0], G_IO_IN, OnEndingSignal, &shell, nullptr);
   }
 
