@@ -1,5 +1,6 @@
 #include "platform/linux/delivery_bus.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <utility>
@@ -215,11 +216,12 @@ bool DeliveryBus::Forward(const Delivery& delivery, std::vector<bool>& acknowled
   g_dbus_connection_signal_unsubscribe(bus_, subscription);
   g_object_unref(wait.cancellable);
   g_main_loop_unref(wait.loop);
-  if (wait.succeeded) acknowledged.assign(acknowledged.size(), true);
-  for (bool seen : acknowledged) {
-    if (!seen) return false;
+  if (wait.succeeded) {
+    acknowledged.assign(acknowledged.size(), true);
+    return true;
   }
-  return true;
+  // An empty delivery has nothing to acknowledge: only the answer counts.
+  return !acknowledged.empty() && std::find(acknowledged.begin(), acknowledged.end(), false) == acknowledged.end();
 }
 
 }  // namespace dispatcher::linux_shell
