@@ -43,7 +43,7 @@ void Attempt(Workspace& workspace, const Launch& launch, const std::optional<Url
 AppDelegate::AppDelegate(Workspace& workspace, ApplicationShell& application)
     : workspace_(workspace), application_(application) {}
 
-void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin) {
+void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin, std::function<void()> completed) {
   if (!workspace_.CanOpenUrls()) {
     LOG(ERROR) << "Current macOS version is older than the minimum supported version (macOS 10.15)!";
     return;
@@ -89,7 +89,7 @@ void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin) {
     std::lock_guard<std::mutex> lock(launch->target_lock);
     first_target = launch->target_application;
   }
-  Attempt(workspace_, *launch, first_target, in_work_browser, [this, launch](bool succeeded) {
+  Attempt(workspace_, *launch, first_target, in_work_browser, [this, launch, completed](bool succeeded) {
     if (!succeeded) {
       LOG(ERROR) << "Failed to launch URL, will try to launch URL again in work browser.";
       std::optional<Url> retry_target;
@@ -98,12 +98,14 @@ void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin) {
         launch->target_application = launch->work_browser;
         retry_target = launch->target_application;
       }
-      Attempt(workspace_, *launch, retry_target, true, [this](bool retry_succeeded) {
+      Attempt(workspace_, *launch, retry_target, true, [this, completed](bool retry_succeeded) {
+        if (completed) completed();
         lowerLaunchCounter();
         if (!retry_succeeded) LOG(ERROR) << "Failed to launch URL in work browser as well.";
       });
       return;
     }
+    if (completed) completed();
     lowerLaunchCounter();
     LOG(INFO) << "Launched browser successfully.";
   });
@@ -129,12 +131,25 @@ std::string AppDelegate::convertUrlArrayToString(const std::vector<Url>& urls) {
   return text;
 }
 
-void AppDelegate::applicationOpenURLs(const std::vector<Url>& urls, DeliveryOrigin origin) {
+void AppDelegate::applicationOpenURLs(const std::vector<Url>& urls, DeliveryOrigin origin,
+                                      std::function<void(size_t index)> handed) {
   LOG(INFO) << "Corvane Dispatcher received urls - " << convertUrlArrayToString(urls);
-  for (const Url& url : urls) {
+  for (size_t i = 0; i < urls.size(); ++i) {
     // Raised before the launch so that no completion can see it at zero.
     raiseLaunchCounter();
-    launchBrowser(url, origin);
+    uint64_t launch;
+    {
+      std::lock_guard<std::mutex> lock(outstanding_lock_);
+      launch = next_launch_++;
+      outstanding_.emplace(launch, urls[i]);
+    }
+    launchBrowser(urls[i], origin, [this, launch, i, handed] {
+      {
+        std::lock_guard<std::mutex> lock(outstanding_lock_);
+        outstanding_.erase(launch);
+      }
+      if (handed) handed(i);
+    });
   }
   if (isDispatcherTerminating()) return;
   setIsDispatcherTerminating(true);
@@ -158,6 +173,19 @@ void AppDelegate::applicationWillFinishLaunching() {
 }
 
 void AppDelegate::applicationWillTerminate() { LOG(INFO) << "Terminated Dispatcher Application."; }
+
+void AppDelegate::applicationWillTerminateOnSignal(const char* signal_name, std::vector<Url> unhanded) {
+  {
+    std::lock_guard<std::mutex> lock(outstanding_lock_);
+    for (const auto& [launch, url] : outstanding_) unhanded.push_back(url);
+  }
+  if (unhanded.empty()) {
+    LOG(INFO) << "Ending on " << signal_name << " with no launch outstanding.";
+  } else {
+    LOG(ERROR) << "Ending on " << signal_name << " before these urls were handed to a browser - "
+               << convertUrlArrayToString(unhanded);
+  }
+}
 
 int32_t AppDelegate::launchCounter() const { return launch_counter_.load(); }
 void AppDelegate::setLaunchCounter(int32_t value) { launch_counter_.store(value); }

@@ -4,7 +4,11 @@
 #define DISPATCHER_DISPATCHER_DELEGATE_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,18 +39,30 @@ class AppDelegate {
   // once in the work browser. Returns without waiting for the browser. A URL
   // that came through a loop of dispatchers goes to the work browser
   // unrouted, or fails at once when the work browser is what loops.
-  void launchBrowser(const Url& url, DeliveryOrigin origin = DeliveryOrigin::kDirect);
+  // `completed` runs, on any thread, when the URL's last attempt has
+  // completed, just before the launch counter is lowered.
+  void launchBrowser(const Url& url, DeliveryOrigin origin = DeliveryOrigin::kDirect,
+                     std::function<void()> completed = nullptr);
   bool isWorkUrl(const Url& url);
   void readLocalStatePrefs();
   std::string convertUrlArrayToString(const std::vector<Url>& urls);
-  // One delivery of URLs (application:openURLs:).
+  // One delivery of URLs (application:openURLs:). `handed` is called once
+  // for each URL, with its index, on any thread, when the URL is seen
+  // through: its last attempt has completed (its browser was started, or
+  // every attempt failed with its ERROR lines).
   void applicationOpenURLs(const std::vector<Url>& urls,
-                           DeliveryOrigin origin = DeliveryOrigin::kDirect);
+                           DeliveryOrigin origin = DeliveryOrigin::kDirect,
+                           std::function<void(size_t index)> handed = nullptr);
   // Waits 2 s, then until no launch is outstanding, then terminates. Blocks;
   // never called on the main thread.
   void terminateDispatcher();
   void applicationWillFinishLaunching();
   void applicationWillTerminate();
+  // The process is ending on a signal (`signal_name`, "SIGTERM" say) before
+  // its launches are done: one line naming `unhanded`, the URLs that the
+  // shell received but never passed to applicationOpenURLs, and then every
+  // URL handed out whose last attempt has not completed.
+  void applicationWillTerminateOnSignal(const char* signal_name, std::vector<Url> unhanded);
 
   int32_t launchCounter() const;
   void setLaunchCounter(int32_t value);
@@ -73,6 +89,12 @@ class AppDelegate {
   UrlClassifier classifier_{std::nullopt};
   std::optional<Url> non_work_browser_path_;
   std::atomic<bool> is_dispatcher_terminating_{false};
+
+  // The URLs handed out whose last attempt has not completed, in the order
+  // they were handed out; completions may arrive on any thread.
+  std::mutex outstanding_lock_;
+  std::map<uint64_t, Url> outstanding_;
+  uint64_t next_launch_ = 0;
 };
 
 }  // namespace dispatcher

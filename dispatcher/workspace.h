@@ -34,7 +34,7 @@ struct Url {
 class Workspace {
  public:
   // Called once per open request, on any thread, with whether the browser
-  // could be started.
+  // could be started; already from inside OpenUrl when that is known there.
   using Completion = std::function<void(bool succeeded)>;
 
   virtual ~Workspace() = default;

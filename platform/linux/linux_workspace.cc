@@ -33,23 +33,11 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-struct CompletionCall {
-  Workspace::Completion completion;
-  bool succeeded;
-};
-
-gboolean RunCompletion(gpointer data) {
-  auto* call = static_cast<CompletionCall*>(data);
-  if (call->completion) call->completion(call->succeeded);
-  delete call;
-  return G_SOURCE_REMOVE;
-}
-
-// Completions always arrive from the main loop, never from inside OpenUrl,
-// so a caller never sees its own completion before OpenUrl has returned.
-void CompleteLater(Workspace::Completion completion, bool succeeded) {
-  g_idle_add_full(G_PRIORITY_DEFAULT, RunCompletion,
-                  new CompletionCall{std::move(completion), succeeded}, nullptr);
+// A launch whose outcome is known when OpenUrl returns completes at once:
+// that URL counts as handed to its browser before the next one is launched,
+// which a later dispatcher waiting on this one learns without delay.
+void Complete(Workspace::Completion completion, bool succeeded) {
+  if (completion) completion(succeeded);
 }
 
 // Whether GIO starts the entry over the session bus (org.freedesktop.Application)
@@ -334,7 +322,7 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
   std::optional<std::string> path;
   if (application) path = StartablePath(*application);
   if (!path) {
-    CompleteLater(std::move(completion), false);
+    Complete(std::move(completion), false);
     return;
   }
   auto changes = BrowserEnvironmentChanges();
@@ -344,7 +332,7 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
     const bool over_session_bus = info && StartsOverSessionBus(info);
     if (!info || (!over_session_bus && !DesktopEntryProgramIsRunnable(info))) {
       if (info) g_object_unref(info);
-      CompleteLater(std::move(completion), false);
+      Complete(std::move(completion), false);
       return;
     }
     // The startup identifier of X11 when there is one, else the Wayland
@@ -382,7 +370,7 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
         g_debug("Could not start the desktop entry: %s", error->message);
         g_error_free(error);
       }
-      CompleteLater(std::move(completion), started);
+      Complete(std::move(completion), started);
     }
     g_object_unref(context);
     g_object_unref(info);
@@ -399,7 +387,7 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
   int spawn_error = SpawnBrowser(*path, url.spec, envp);
   g_strfreev(envp);
   if (spawn_error != 0) g_debug("Could not start %s: %s", path->c_str(), g_strerror(spawn_error));
-  CompleteLater(std::move(completion), spawn_error == 0);
+  Complete(std::move(completion), spawn_error == 0);
 }
 
 }  // namespace dispatcher::linux_shell

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 
 #include "gtest/gtest.h"
 #include "tests/support/browser_record.h"
@@ -135,13 +136,15 @@ class DispatcherTest : public ::testing::Test {
 TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlToTheWorkBrowserWithoutPolicy) {
   const std::string kPath = "INFO Local State Path " + local_state_, kUnreadable = "ERROR Local State is not readable.";
   const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
-  ProcessResult result = Run({"--help", kOtherUrl, kWorkUrl}, Options());
+  // No option is GLib's: GApplication would take the first two, never end and open nothing.
+  const std::string kRefused = "ERROR Refused a command-line argument that is neither a URL nor an existing path: ";
+  ProcessResult result =
+      Run({"--gapplication-service", "--help-gapplication", "--help", kOtherUrl, kWorkUrl}, Options());
   std::string file = ReadFile(log_file_);
-  EXPECT_EQ(Messages(file),
-            (Strings{kBanner, kLaunching, kPath, kUnreadable,
-                     "ERROR Refused a command-line argument that is neither a URL nor an existing path: --help",
-                     kReceived + kOtherUrl + ", " + kWorkUrl + " ]", kNoPolicy, kHosted, kNoPolicy, kHosted, kLaunched,
-                     kLaunched, kTerminated}));
+  EXPECT_EQ(Messages(file), (Strings{kBanner, kLaunching, kPath, kUnreadable, kRefused + "--gapplication-service",
+                                     kRefused + "--help-gapplication", kRefused + "--help",
+                                     kReceived + kOtherUrl + ", " + kWorkUrl + " ]", kNoPolicy, kHosted, kLaunched,
+                                     kNoPolicy, kHosted, kLaunched, kTerminated}));
   EXPECT_EQ(result.out + result.err, file);
   std::error_code error;  // the file's mode: URLs can carry secrets
   EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0600));
@@ -223,6 +226,66 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
   }
   EXPECT_EQ(Sorted(received), Sorted(urls));
   EXPECT_FALSE(FileExists("ran"));
+}
+
+// The URLs that a dispatcher ended by a signal names as not handed to a browser.
+Strings NamedOnSignal(const std::string& log) {
+  const std::string kLine = "before these urls were handed to a browser - [ ";
+  Strings named;
+  for (const std::string& message : Messages(log)) {
+    if (size_t at = message.find(kLine); at != std::string::npos) {
+      std::string list = message.substr(at + kLine.size(), message.size() - at - kLine.size() - 2);  // without " ]"
+      for (size_t start = 0, end = 0; start <= list.size(); start = end + 2)
+        named.push_back(list.substr(start, (end = std::min(list.find(", ", start), list.size())) - start));
+    }
+  }
+  return named;
+}
+
+TEST_F(DispatcherTest, ASignalDuringADeliveryEndsItByThatSignalAndNamesEveryUrlThatNoBrowserWasStartedFor) {
+  ProcessOptions options = Options();
+  options.env["L"] = log_file_;
+  // 100 URLs for each; none of the signals ignored, as a terminal's job or a session's process gets them.
+  Strings script = {"/bin/sh", "-c", "n=0; for s in TERM INT HUP; do n=$((n+1)); env --default-signal $D $(seq -f "
+                    "\"https://intra.corp.test/$s/%g\" 100) & until [ $(grep -c Initialized \"$L\") -ge $n ]; do sleep "
+                    "0.005; done; kill -$s $!; wait $!; echo $?; done"};
+  EXPECT_EQ(RunProcess(script, options).out, "143\n130\n129\n");
+  Strings urls, seen = NamedOnSignal(ReadFile(log_file_));
+  for (std::string signal : {"TERM", "INT", "HUP"})
+    for (int i = 1; i <= 100; ++i) urls.push_back("https://intra.corp.test/" + signal + "/" + std::to_string(i));
+  for (BrowserRecord& record : WaitForBrowserRecords(Home("records"), urls.size() - seen.size()))
+    seen.push_back(record.args.at(0));
+  EXPECT_EQ(Sorted(seen), Sorted(urls)) << "each opened or named, once";
+}
+
+// P, the running one, stopped: F hands its delivery itself after the wait, S named its own when SIGTERM ended it, and P
+// found both stale once continued. Q, killed while it handed on G's 100 URLs: G hands those Q had not seen through.
+TEST_F(DispatcherTest, ADeliveryTheRunningOneDoesNotSeeThroughIsHandledByItsSenderAndOnlyWhatItDidNotOpen) {
+  if (access(kDbusRunSession, X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
+  Strings urls = {"https://p.example/", "https://f.example/1", "https://f.example/2", "https://s.example/",
+                  "https://q.example/"};
+  for (int i = 0; i < 100; ++i) urls.push_back("https://g.example/" + std::to_string(i));
+  ProcessOptions options = Options();
+  options.env.insert({{"L", log_file_}, {"R", Home("records")}});
+  Strings argv = {kDbusRunSession, "--", "/bin/sh", "-c",
+                  "w() { until grep -qs \"$1\" \"$L\"; do sleep 0.01; done; }; $D \"$1\" & P=$!; w p.example; "
+                  "kill -STOP $P; $D \"$2\" \"$3\" & F=$!; $D \"$4\" & S=$!; sleep 1; kill $S; wait $F; echo $?; "
+                  "wait $S; echo $?; kill -CONT $P; wait $P; echo $?; $D \"$5\" & Q=$!; w q.example; shift 5; "
+                  "$D \"$@\" & until [ $(ls \"$R\" | wc -l) -ge 15 ]; do sleep 0.002; done; kill -KILL $Q; wait $!; "
+                  "echo $?", "sh"};
+  argv.insert(argv.end(), urls.begin(), urls.end());
+  EXPECT_EQ(RunProcess(argv, options).out, "0\n143\n0\n0\n");
+  std::string log = ReadFile(log_file_);
+  EXPECT_EQ(Count(log, "ERROR The running dispatcher did not take this delivery; handling it in this process."), 2u);
+  EXPECT_EQ(NamedOnSignal(log), Strings{urls[3]});
+  std::map<std::string, int> opened;
+  for (BrowserRecord& record : WaitForBrowserRecords(Home("records"), urls.size() - 1)) ++opened[record.args.at(0)];
+  int again = 0;
+  for (const std::string& url : urls) {
+    EXPECT_EQ(opened[url] > 0, url != urls[3]) << url;
+    again += std::max(opened[url] - 1, 0);
+  }
+  EXPECT_LE(again, 3) << "opened twice: only what Q had started but not yet acknowledged when it was killed";
 }
 
 struct Route {

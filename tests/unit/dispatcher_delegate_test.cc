@@ -100,8 +100,16 @@ TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOpenFailuresAreRetriedInTheWork
   std::vector<Url> urls;
   for (int i = 0; i < 150; ++i) urls.push_back("https://h" + std::to_string(i) + (i % 3 ? ".example/" : ".corp.test/"));
   auto start = Clock::now();
-  delegate_.applicationOpenURLs(urls);
+  std::vector<std::atomic<int>> handed(urls.size());
+  delegate_.applicationOpenURLs(urls, DeliveryOrigin::kDirect, [&](size_t i) { ++handed.at(i); });
   delegate_.applicationOpenURLs({"https://example.org/"});  // while the first is pending: no second end
+  // A signal now: what the shell still held, then every URL handed out, in order.
+  delegate_.applicationWillTerminateOnSignal("SIGTERM", {"https://held.example/"});
+  std::vector<Url> unhanded = {"https://held.example/"};
+  unhanded.insert(unhanded.end(), urls.begin(), urls.end());
+  unhanded.push_back("https://example.org/");
+  EXPECT_EQ(log_.lines().back(), corvane_test::Error("Ending on SIGTERM before these urls were handed to a browser - " +
+                                                     delegate_.convertUrlArrayToString(unhanded)));
   const auto& requests = workspace_.requests;
   ASSERT_EQ(requests.size(), 151u);
   for (int i = 0; i < 151; ++i) EXPECT_EQ(requests[i].second, i + 1);
@@ -117,6 +125,9 @@ TEST_F(AppDelegateTest, EachUrlIsCountedBeforeItsOpenFailuresAreRetriedInTheWork
   while (workspace_.running_ > 0) std::this_thread::sleep_for(1ms);
   EXPECT_EQ(workspace_.terminations, 1);
   EXPECT_EQ(delegate_.launchCounter(), 0);
+  for (const std::atomic<int>& times : handed) EXPECT_EQ(times, 1) << "each once, at its last attempt";
+  delegate_.applicationWillTerminateOnSignal("SIGHUP", {});
+  EXPECT_EQ(log_.lines().back(), corvane_test::Info("Ending on SIGHUP with no launch outstanding."));
   // 50 work URLs open once; 101 others fail once in the non-work browser and are retried, silently, in the work one.
   EXPECT_EQ(requests.size(), 252u);
   EXPECT_EQ(std::count_if(requests.begin(), requests.end(), [](auto& r) { return r.first == kWorkBrowser; }), 151);

@@ -148,7 +148,7 @@ bool RunMainLoopUntil(Condition condition) {
   return condition();
 }
 
-TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowsersAreReaped) {
+TEST(LinuxWorkspaceLaunchTest, CompletionsArriveBeforeOpenUrlReturnsAndStartedBrowsersAreReaped) {
   corvane_test::TempDir dir;
   // Only what this test starts reads these: no session bus, so that GIO starts entries itself.
   setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);
@@ -167,8 +167,8 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
     SCOPED_TRACE(application.value_or("(none)"));
     std::optional<bool> result;
     workspace.OpenUrl("https://example.com/", application, [&](bool succeeded) { result = succeeded; });
-    EXPECT_FALSE(result);
-    ASSERT_TRUE(RunMainLoopUntil([&] { return result.has_value(); }));
+    // So a URL counts as handed to its browser before the next one is launched.
+    ASSERT_TRUE(result.has_value());
     EXPECT_EQ(*result, succeeds);
   }
   // The stand-in exits at once; as our child, started directly or from its entry, it stays in /proc until reaped.
@@ -185,7 +185,6 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
     results.push_back(first);
     workspace.OpenUrl("https://example.com/", "file:///bin/true", [&](bool second) { results.push_back(second); });
   });
-  EXPECT_TRUE(RunMainLoopUntil([&] { return results.size() == 2; }));
   EXPECT_EQ(results, (std::vector<bool>{false, true}));
 }
 
