@@ -1,12 +1,19 @@
-// Reading the policy from Local State files of realistic shape: mostly
-// unrelated browser state, with the work URL rules somewhere inside.
+// Reading the policy from Local State files: the time per read for files of
+// realistic shape (mostly unrelated browser state, the work URL rules
+// somewhere inside), then the peak memory and time of one read per file
+// shape and size, each in a fresh process.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
-#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/files/file_path.h"
 #include "base/logging.h"
@@ -35,47 +42,82 @@ std::string ProfileEntry(int n) {
          "\"x\\\"y\\\\z\\n\"]}}";
 }
 
+std::string Pattern(int n) { return "\"*.app" + std::to_string(n) + ".corp.test/*\""; }
+
 std::string Rules(int count) {
   std::string rules = "[";
   for (int i = 0; i < count; ++i) {
     if (i > 0) rules += ", ";
     std::string id = std::to_string(i);
-    rules += "{\"name\": \"rule " + id + "\", \"patterns\": [\"*.app" + id +
-             ".corp.test/*\", \"corp.test/app" + id + "/*\", \"*/tools" + id + "/*\"]}";
+    rules += "{\"name\": \"rule " + id + "\", \"patterns\": [" + Pattern(i) + ", \"corp.test/app" + id +
+             "/*\", \"*/tools" + id + "/*\"]}";
   }
   return rules + "]";
 }
 
-// A document of at least `size` bytes.
-std::string MakeLocalState(size_t size) {
-  std::string head =
-      "{\"browser\": {\"browserPathForNonWorkLinks\": "
-      "\"file:///usr/share/applications/other-browser.desktop\", "
-      "\"enabled_labs_experiments\": [\"a@1\", \"b@2\"], \"has_seen_welcome_page\": true}, "
-      "\"hardware_acceleration_mode_previous\": true, "
-      "\"profile\": {\"last_used\": \"Default\", \"info_cache\": {";
-  std::string tail =
-      "}}, \"kel_prefs\": {\"device_id\": \"5f1c\", \"policy\": {\"cloud_policy_refresh\": "
-      "10800, \"browser_urls\": " +
-      Rules(40) +
-      "}}, \"user_experience_metrics\": {\"low_entropy_source3\": 4711, \"stability\": "
-      "{\"exited_cleanly\": true, \"stats_version\": \"120.0.1\"}}}";
-  std::string body;
-  for (int n = 0; head.size() + body.size() + tail.size() < size; ++n) {
-    if (n > 0) body += ", ";
-    body += ProfileEntry(n);
+constexpr int kRules = 40;
+const char kBrowser[] =
+    "\"browser\": {\"browserPathForNonWorkLinks\": \"file:///usr/share/applications/other-browser.desktop\", "
+    "\"enabled_labs_experiments\": [\"a@1\", \"b@2\"], \"has_seen_welcome_page\": true}";
+
+// A document of at least `size` bytes: `filler(n)` for n = 0, 1, ... between
+// `head` and `tail`, separated by `separator`.
+std::string Fill(size_t size, std::string head, const std::function<std::string(int)>& filler,
+                 std::string_view separator, const std::string& tail) {
+  for (int n = 0; head.size() + tail.size() < size; ++n) {
+    if (n > 0) head += separator;
+    head += filler(n);
   }
-  return head + body + tail;
+  return head + tail;
 }
+
+// The realistic shape: profiles by the thousand, 40 rules of 3 patterns.
+std::string BrowserState(size_t size) {
+  return Fill(size,
+              std::string("{") + kBrowser + ", \"hardware_acceleration_mode_previous\": true, " +
+                  "\"profile\": {\"last_used\": \"Default\", \"info_cache\": {",
+              ProfileEntry, ", ",
+              "}}, \"kel_prefs\": {\"device_id\": \"5f1c\", \"policy\": {\"cloud_policy_refresh\": 10800, "
+              "\"browser_urls\": " +
+                  Rules(kRules) +
+                  "}}, \"user_experience_metrics\": {\"low_entropy_source3\": 4711, \"stability\": "
+                  "{\"exited_cleanly\": true, \"stats_version\": \"120.0.1\"}}}");
+}
+
+// The dense shapes. Their policies have 40 rules too, except where the
+// policy is what makes the file large.
+const std::vector<std::pair<const char*, std::function<std::string(size_t)>>> kShapes = {
+    {"browser state", BrowserState},
+    {"one rule's patterns",
+     [](size_t size) {
+       return Fill(size, std::string("{") + kBrowser + ", \"kel_prefs\": {\"policy\": {\"browser_urls\": [" +
+                             "{\"patterns\": [",
+                   Pattern, ", ", "]}]}}}");
+     }},
+    {"rules of 1 pattern",
+     [](size_t size) {
+       return Fill(size, std::string("{") + kBrowser + ", \"kel_prefs\": {\"policy\": {\"browser_urls\": [",
+                   [](int n) { return "{\"patterns\": [" + Pattern(n) + "]}"; }, ", ", "]}}}");
+     }},
+    {"small numbers",
+     [](size_t size) {
+       return Fill(size, "{\"kel_prefs\": {\"policy\": {\"browser_urls\": " + Rules(kRules) + "}}, \"counts\": [",
+                   [](int n) { return std::to_string(n % 10); }, ",", "]}");
+     }},
+    {"deep nesting",
+     [](size_t size) {
+       return Fill(size, "{\"kel_prefs\": {\"policy\": {\"browser_urls\": " + Rules(kRules) + "}}, \"tree\": [",
+                   [](int) { return std::string(1000, '[') + std::string(1000, ']'); }, ",", "]}");
+     }},
+};
 
 class LocalStateFile {
  public:
-  explicit LocalStateFile(size_t size) {
+  explicit LocalStateFile(const std::string& data) {
     char dir[] = "/tmp/corvane_local_state_bench.XXXXXX";
     if (!mkdtemp(dir)) return;
     dir_ = dir;
     path_ = dir_ + "/Local State";
-    std::string data = MakeLocalState(size);
     FILE* file = fopen(path_.c_str(), "wb");
     if (!file) return;
     ok_ = fwrite(data.data(), 1, data.size(), file) == data.size();
@@ -98,7 +140,7 @@ class LocalStateFile {
 };
 
 void BM_ReadLocalStatePolicy(benchmark::State& state) {
-  LocalStateFile file(static_cast<size_t>(state.range(0)));
+  LocalStateFile file(BrowserState(static_cast<size_t>(state.range(0))));
   if (!file.ok()) {
     state.SkipWithError("cannot write the Local State file");
     return;
@@ -112,25 +154,102 @@ void BM_ReadLocalStatePolicy(benchmark::State& state) {
     benchmark::DoNotOptimize(policy);
   }
   logging::SetLogMessageHandler(nullptr);
-  if (rules != 40) state.SkipWithError("the policy was not read");
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
-                          static_cast<int64_t>(file.bytes()));
+  if (rules != kRules) state.SkipWithError("the policy was not read");
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(file.bytes()));
   state.counters["file_bytes"] = static_cast<double>(file.bytes());
-  // The process's peak so far; the sizes run in rising order, so for the
-  // largest it is that read's (plus the document generated for the file).
-  struct rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  state.counters["peak_rss_mb"] = static_cast<double>(usage.ru_maxrss) / 1024;
 }
 
-BENCHMARK(BM_ReadLocalStatePolicy)
-    ->Arg(10 << 10)
-    ->Arg(100 << 10)
-    ->Arg(1 << 20)
-    ->Arg(5 << 20)
-    ->Arg(100 << 20)  // far beyond real files: must stay a matter of seconds
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ReadLocalStatePolicy)->Arg(10 << 10)->Arg(100 << 10)->Arg(1 << 20)->Arg(5 << 20)->Unit(
+    benchmark::kMicrosecond);
+
+// The child's part: one read, then its processor time in microseconds (user
+// and system, as a busy machine stretches the wall clock), the number of
+// rules read and the process's peak resident set in kB on standard output.
+// The peak is the kernel's VmHWM: unlike getrusage's, it starts afresh at
+// exec, without the forking parent's pages.
+int ReadOnce(const char* path) {
+  logging::SetLogMessageHandler(&SwallowLine);
+  timespec start, end;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &start);
+  dispatcher::LocalStatePolicy policy = dispatcher::ReadLocalStatePolicy(base::FilePath(path));
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &end);
+  long long elapsed = (end.tv_sec - start.tv_sec) * 1000000LL + (end.tv_nsec - start.tv_nsec) / 1000;
+  long peak_kb = -1;
+  if (FILE* status = fopen("/proc/self/status", "r")) {
+    char line[256];
+    while (fgets(line, sizeof(line), status)) sscanf(line, "VmHWM: %ld", &peak_kb);
+    fclose(status);
+  }
+  printf("%lld %zu %ld\n", elapsed, policy.policy_urls ? policy.policy_urls->size() : 0, peak_kb);
+  return policy.status == dispatcher::LocalStateStatus::kParsed && peak_kb > 0 ? 0 : 1;
+}
+
+struct Measurement {
+  bool ok = false;
+  double peak_mb = 0;
+  double milliseconds = 0;
+  size_t rules = 0;
+};
+
+// Reads `path` in a fresh run of this program, whose peak resident set then
+// is that of the read alone (plus the program's own).
+Measurement MeasureRead(const char* self, const std::string& path) {
+  Measurement result;
+  int out[2];
+  if (pipe(out) != 0) return result;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    close(out[0]);
+    close(out[1]);
+    execl(self, self, "--read", path.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  char text[64] = {};
+  size_t got = 0;
+  for (ssize_t n; got + 1 < sizeof(text) && (n = read(out[0], text + got, sizeof(text) - 1 - got)) > 0;) got += n;
+  close(out[0]);
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
+  long long microseconds = 0;
+  long peak_kb = 0;
+  result.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
+              sscanf(text, "%lld %zu %ld", &microseconds, &result.rules, &peak_kb) == 3;
+  result.peak_mb = static_cast<double>(peak_kb) / 1024;
+  result.milliseconds = static_cast<double>(microseconds) / 1000;
+  return result;
+}
+
+void PrintPeakMemory(const char* self) {
+  LocalStateFile empty("{}");
+  Measurement base = MeasureRead(self, empty.path());
+  printf("\nPeak memory of one read, in a fresh process (%.1f MB for an empty object)\n", base.peak_mb);
+  printf("%-20s %9s %12s %14s %8s %9s %7s\n", "shape", "file MB", "peak RSS MB", "above empty MB", "x file",
+         "CPU ms", "rules");
+  for (const auto& [name, make] : kShapes) {
+    for (size_t size : {size_t{1} << 20, size_t{10} << 20, size_t{100} << 20}) {
+      LocalStateFile file(make(size));
+      Measurement read = MeasureRead(self, file.path());
+      double file_mb = static_cast<double>(file.bytes()) / (1 << 20);
+      if (!file.ok() || !read.ok || !base.ok) {
+        printf("%-20s %9.1f   (the read failed)\n", name, file_mb);
+        continue;
+      }
+      printf("%-20s %9.1f %12.1f %14.1f %8.2f %9.1f %7zu\n", name, file_mb, read.peak_mb, read.peak_mb - base.peak_mb,
+             (read.peak_mb - base.peak_mb) / file_mb, read.milliseconds, read.rules);
+    }
+  }
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  if (argc == 3 && std::string_view(argv[1]) == "--read") return ReadOnce(argv[2]);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  PrintPeakMemory("/proc/self/exe");
+  return 0;
+}

@@ -32,10 +32,13 @@ struct LocalStatePolicy {
 // empty path when the directory cannot be found.
 base::FilePath LocalStatePath();
 
-// A larger Local State is not read ("Failed to read Local State data."):
-// parsing takes up to about 13 times a document's size in memory, and real
+// A larger Local State is not read ("Failed to read Local State data."); real
 // ones are well under a megabyte.
 inline constexpr size_t kMaxLocalStateBytes = 128u << 20;
+
+// The reader holds this much of the file at a time, not the whole file:
+// beside the policy it keeps, a read takes about as much memory for any file.
+inline constexpr size_t kLocalStateWindowBytes = 64u << 10;
 
 // Reads, parses and logs every step ("Local State Path ..." onwards) exactly
 // as the dispatcher does at launch. The file must be one JSON document in
@@ -44,7 +47,8 @@ inline constexpr size_t kMaxLocalStateBytes = 128u << 20;
 // taken (only whether a value is a number counts), and a key that appears
 // more than once takes its last value. The whole document is validated, so
 // invalid UTF-8 anywhere (which the platform's reader refuses too), nesting
-// deeper than 1024 levels or any syntax error fails the parse.
+// deeper than 1024 levels or any syntax error fails the parse, with the
+// reason and where it is.
 LocalStatePolicy ReadLocalStatePolicy(const base::FilePath& path);
 
 }  // namespace dispatcher

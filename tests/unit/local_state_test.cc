@@ -2,6 +2,7 @@
 #include "dispatcher/local_state.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -50,17 +51,21 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
   std::string profiles = R"("profiles": [)";
   while (profiles.size() < (100 << 20))
     profiles += R"({"name": "P", "avatar": ")" + std::string(180, 'a') + R"(", "t": 1.25, "f": [true, null, 42]}, )";
-  for (const auto& [start, number, other] : std::vector<std::tuple<std::string, const char*, const char*>>{
-           {"{", "42", "1"}, {"\xEF\xBB\xBF{", "1e400", "-99999999999999999999"},
-           {"{", "123456789012345678901234567890", "-1E+400"}, {"{" + profiles + "{}],", "7", "0"}}) {
+  std::vector<std::tuple<std::string, const char*, const char*>> spellings = {
+      {"{", "42", "1"}, {"\xEF\xBB\xBF{", "1e400", "-99999999999999999999"},
+      {"{", "123456789012345678901234567890", "-1E+400"}, {"{" + profiles + "{}],", "7", "0"}};
+  // The file is read a window at a time: every token of the document in turn across the end of the first window.
+  for (size_t shift = 0; shift < 600; ++shift)
+    spellings.push_back({"{" + std::string(kLocalStateWindowBytes - shift, ' '), "-0.5e-7", "1"});
+  for (const auto& [start, number, other] : spellings) {
     LocalStatePolicy policy = Read(start + R"(
       "browser": {"browserPathForNonWorkLinks": "file:///usr/share/applications/other.desktop", "v": "1"},
       "profile": {"info_cache": {"Default": {"name": "Person 1", "n": )" + other + R"(}}},
       "kel_prefs": {"unrelated": [)" + other + R"(, {"x": null}], "policy": {"other": true, "browser_urls": [
-          {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranet"},
+          {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranét 😀"},
           {"name": "rule without patterns"}, "a rule that is no object", {"patterns": "not an array"},
-          {"patterns": []}, {"patterns": ["\u00e9xample.test/*", null, "a\u0000b", "c\\.d\"1e400"]}]}}})");
-    SCOPED_TRACE(number);
+          {"patterns": []}, {"patterns": ["\u00e9xample.test/*", null, "a\u0000b\uD83D\ude00", "c\\.d\"1e400"]}]}}})");
+    SCOPED_TRACE(std::to_string(start.size()) + number);
     EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
     EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
     ASSERT_TRUE(policy.policy_urls);
@@ -71,7 +76,7 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
     }
     EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
                                               "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
-                                              "(skipped)", std::string("a\0b", 3), "c\\.d\"1e400"}));
+                                              "(skipped)", std::string("a\0b\xF0\x9F\x98\x80", 7), "c\\.d\"1e400"}));
     EXPECT_EQ(policy.non_work_browser_url, "file:///usr/share/applications/other.desktop");
   }
 }
@@ -94,11 +99,12 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
   for (const std::string& json : std::vector<std::string>{
            "", " \n\t ", R"({"kel_prefs": {},})", R"({"kel_prefs": )", "{} {}", "{'kel_prefs': {}}",
            "{\"a\": \"\xc3\"}", std::string(R"({"browser": {"browserPathForNonWorkLinks": ")") + "\xff\xfe\"}}", "42",
-           R"("kel_prefs")", "true", "null", std::string(10000, '[') + std::string(10000, ']'),
+           R"("kel_prefs")", "true", "null", "[\"a\tb\"]", R"(["\ud800\u0041"])",
+           std::string(1025, '[') + std::string(1025, ']'),
            // Beside numbers beyond range, which are fine, the malformed ones still fail.
            R"({"a": [1e400, 01]})", R"({"a": 1e400, "b": 1.})", R"({"a": "\"1e400", "b": -})",
            R"({"a": 1e400, "b": 12x})", "{\"a\": 1e400, \"b\": \"\xff\"}", "\xEF\xBB\xBF", "\xEF\xBB\xBF\xEF\xBB\xBF{}",
-           "\xEF\xBB{}"}) {
+           "\xEF\xBB{}", "{\"a\": \"" + std::string(kLocalStateWindowBytes - 8, 'x') + "\xC3"}) {
     SCOPED_TRACE(json.substr(0, 100));
     EXPECT_EQ(Read(json).status, LocalStateStatus::kParseFailed);
     std::vector<Line> lines = log_.lines();
@@ -110,6 +116,9 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
     EXPECT_GE(description.size(), 10u);
     EXPECT_TRUE(std::all_of(description.begin(), description.end(), [](char c) { return c >= 0x20 && c < 0x7f; }));
   }
+  // A FIFO without a writer reads as empty, at once.
+  ASSERT_EQ(mkfifo(dir_.Child("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(dir_.Child("fifo"))).status, LocalStateStatus::kParseFailed);
   Read("17");
   EXPECT_NE(log_.lines()[3].message.find("not an object or an array"), std::string::npos);
 }
@@ -129,8 +138,8 @@ TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStill
       {R"({"kel_prefs": 1, "browser": {"browserPathForNonWorkLinks": "file:///first"}, "kel\u005fprefs":
           {"pol\u0069cy": {"browser_urls": []}}, "\u0062rowser": {"browserPathForNonWorkLinks": "file:\/\/\/last"}})",
        {kPolicyRead, kBrowserRead}, "file:///last"},
-      {R"({"x": )" + std::string(500, '[') + std::string(500, ']') + R"(, "kel_prefs": {"policy": {"browser_urls": 0,
-          "browser_urls": []}}})", {kPolicyRead, kNoBrowser}, none},
+      {R"({"x": )" + std::string(1023, '[') + std::string(1023, ']') + R"(, "kel_prefs": {"policy": {"browser_urls":
+          [{"patterns": ["a/*"]}], "browser_urls": []}}})", {kPolicyRead, kNoBrowser}, none},
   };
   // A level of another JSON type, null included, counts as missing.
   for (const std::string value : {"null", "true", "0", "\"text\"", "[]", "[{}]", "{}"}) {
