@@ -58,6 +58,47 @@ bool OpenLogFileLocked() {
   return true;
 }
 
+// C0 control bytes and DEL. In the message of a line they become "%XX", so
+// that no text from outside (a URL, a pattern, a path) can start a line of
+// its own or hide text from a terminal.
+bool IsControlByte(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+size_t FindControlByte(const std::string& text, size_t from) {
+  const unsigned char* data = reinterpret_cast<const unsigned char*>(text.data());
+  size_t i = from;
+  // 64 bytes at a time, without a branch per byte, which compilers turn into
+  // vector instructions: URLs of megabytes go through here.
+  for (; i + 64 <= text.size(); i += 64) {
+    const unsigned char* chunk = data + i;
+    unsigned char any = 0;
+    for (int j = 0; j < 64; ++j) any |= (chunk[j] < 0x20) | (chunk[j] == 0x7f);
+    if (any) break;
+  }
+  for (; i < text.size(); ++i) {
+    if (IsControlByte(data[i])) return i;
+  }
+  return std::string::npos;
+}
+
+void EscapeControlBytes(std::string* text, size_t from) {
+  size_t at = FindControlByte(*text, from);
+  if (at == std::string::npos) return;
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string escaped;
+  escaped.reserve(text->size() + 16);
+  size_t done = 0;
+  for (; at != std::string::npos; at = FindControlByte(*text, done)) {
+    escaped.append(*text, done, at - done);
+    unsigned char c = static_cast<unsigned char>((*text)[at]);
+    escaped += '%';
+    escaped += kHex[c >> 4];
+    escaped += kHex[c & 0xf];
+    done = at + 1;
+  }
+  escaped.append(*text, done, std::string::npos);
+  text->swap(escaped);
+}
+
 // What standard error is, looked at once a second per thread rather than for
 // every line (a line costs two writes, the looks three more system calls).
 struct StderrKind {
@@ -409,6 +450,7 @@ std::ostream& LogMessage::stream() { return *stream_; }
 
 void LogMessage::Emit() {
   std::string& line = stream_->text();
+  EscapeControlBytes(&line, message_start_);
   line += '\n';
 
   if (g_message_handler &&

@@ -1,6 +1,7 @@
 // Process-wide logging facility: one line per statement, to a log file, the
 // system log and standard error, in the fixed format
-// "[MMDD/HHMMSS.uuuuuu:SEVERITY:file(line)] message\n".
+// "[MMDD/HHMMSS.uuuuuu:SEVERITY:file(line)] message\n". Control bytes of the
+// message (C0 and DEL) are written as "%XX": each line is one record.
 #ifndef BASE_LOGGING_H_
 #define BASE_LOGGING_H_
 

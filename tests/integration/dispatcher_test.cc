@@ -135,20 +135,23 @@ class DispatcherTest : public ::testing::Test {
 TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlToTheWorkBrowserWithoutPolicy) {
   const std::string kPath = "INFO Local State Path " + local_state_, kUnreadable = "ERROR Local State is not readable.";
   const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
-  ProcessResult result = Run({"--help", kOtherUrl, kWorkUrl}, Options());
+  // Control characters from outside never start a line of their own nor hide text; the browser gets them all.
+  const std::string kForged = "[1121/091937.569714:INFO:classifier.cc(64)] Pattern : *";
+  const std::string kOther = kOtherUrl + ("\x7f\x1b[8m\r\n" + kForged);
+  ProcessResult result = Run({"--help\n" + kForged, kOther, kWorkUrl}, Options());
   std::string file = ReadFile(log_file_);
   EXPECT_EQ(Messages(file),
             (Strings{kBanner, kLaunching, kPath, kUnreadable,
-                     "ERROR Refused a command-line argument that is neither a URL nor an existing path: --help",
-                     kReceived + kOtherUrl + ", " + kWorkUrl + " ]", kNoPolicy, kHosted, kNoPolicy, kHosted, kLaunched,
-                     kLaunched, kTerminated}));
+                     "ERROR Refused a command-line argument that is neither a URL nor an existing path: --help%0A" +
+                         kForged,
+                     kReceived + kOtherUrl + "%7F%1B[8m%0D%0A" + kForged + ", " + kWorkUrl + " ]", kNoPolicy,
+                     kHosted, kNoPolicy, kHosted, kLaunched, kLaunched, kTerminated}));
   EXPECT_EQ(result.out + result.err, file);
   std::error_code error;  // the file's mode: URLs can carry secrets
   EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0600));
   Strings received;
   for (BrowserRecord& r : WaitForBrowserRecords(Home("records"), 2)) received.push_back(r.name + ": " + r.args.at(0));
-  EXPECT_EQ(Sorted(received), Sorted({"work browser: " + std::string(kOtherUrl),
-                                      "work browser: " + std::string(kWorkUrl)}));
+  EXPECT_EQ(Sorted(received), Sorted({"work browser: " + kOther, "work browser: " + std::string(kWorkUrl)}));
 
   // An empty delivery ends after the termination task's wait. A log that cannot be written costs no line: no folder
   // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist), a full device, a folder there.
