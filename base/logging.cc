@@ -32,7 +32,10 @@ LogMessageHandler g_message_handler = nullptr;
 // Guarded by FileMutex().
 bool g_has_log_file_name = false;
 std::string* g_log_file_name = nullptr;
-FILE* g_log_file = nullptr;
+int g_log_file = -1;
+// What is at the name was refused (said once on standard error): not tried
+// again until the next configuration.
+bool g_log_file_refused = false;
 
 std::mutex& FileMutex() {
   static std::mutex* mutex = new std::mutex;  // never destroyed: logging may run during exit
@@ -43,19 +46,6 @@ void SetLogFileName(const char* name) {
   if (!g_log_file_name) g_log_file_name = new std::string;
   *g_log_file_name = name;
   g_has_log_file_name = true;
-}
-
-// Opens the named log file for appending. Log lines may carry URLs with
-// tokens in them, so a file that we create is readable by its owner only.
-bool OpenLogFileLocked() {
-  int fd = open(g_log_file_name->c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
-  g_log_file = fdopen(fd, "a");
-  if (!g_log_file) {
-    close(fd);
-    return false;
-  }
-  return true;
 }
 
 // C0 control bytes and DEL. In the message of a line they become "%XX", so
@@ -338,17 +328,61 @@ void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
   pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }
 
-void WriteToLogFile(const std::string& line) {
-  std::lock_guard<std::mutex> lock(FileMutex());
-  if (!g_log_file) {
-    if (!g_has_log_file_name) SetLogFileName("debug.log");
-    if (!(g_destinations & kLogToFile)) return;
-    if (!OpenLogFileLocked()) return;
+// Opens the named log file for appending. Log lines carry URLs with tokens,
+// so it must be a regular file of this user with no other name, readable by
+// its owner only (a wider mode is narrowed). Opening never waits (a FIFO
+// without a reader) and never follows a final symbolic link. Whatever else
+// is found there is refused with one line on standard error and left alone
+// until the next configuration; a missing folder or a lacking permission is
+// quietly tried again with the next line.
+bool OpenLogFileLocked() {
+  const char* name = g_log_file_name->c_str();
+  int fd = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK,
+                0600);
+  const char* refusal = nullptr;
+  struct stat st;
+  if (fd < 0) {
+    if (errno == ELOOP) {
+      refusal = "a symbolic link";
+    } else if (errno == ENXIO || errno == EISDIR) {  // a FIFO without a reader, a socket, a folder
+      refusal = "not a regular file";
+    } else {
+      return false;
+    }
+  } else if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    refusal = "not a regular file";
+  } else if (st.st_uid != geteuid()) {
+    refusal = "another user's";
+  } else if (st.st_nlink > 1) {
+    refusal = "a hard link";
+  } else if ((st.st_mode & 07777) != 0600 && fchmod(fd, 0600) != 0) {
+    refusal = "open to others";
   }
-  // Straight to the descriptor: every line is written whole at once anyway.
-  WriteAll(fileno(g_log_file), line);
+  if (!refusal) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    g_log_file = fd;
+    return true;
+  }
+  if (fd >= 0) close(fd);
+  g_log_file_refused = true;
+  std::string text = std::string("Not logging to a file that is ") + refusal + ": ";
+  size_t path_start = text.size();
+  text += name;
+  EscapeControlBytes(&text, path_start);
+  text += '\n';
+  WriteToStderr(text, CurrentStderrKind(time(nullptr)).may_raise_sigpipe);
+  return false;
 }
 
+void WriteToLogFile(const std::string& line) {
+  std::lock_guard<std::mutex> lock(FileMutex());
+  if (g_log_file < 0) {
+    if (!g_has_log_file_name) SetLogFileName("debug.log");
+    if (!(g_destinations & kLogToFile) || g_log_file_refused) return;
+    if (!OpenLogFileLocked()) return;
+  }
+  WriteAll(g_log_file, line);
+}
 
 }  // namespace
 
@@ -357,11 +391,12 @@ bool InitializeLogging(const LogSettings& settings) {
   if (!(g_destinations & kLogToFile)) return true;
 
   std::lock_guard<std::mutex> lock(FileMutex());
-  if (g_log_file) {
-    fclose(g_log_file);
-    g_log_file = nullptr;
+  if (g_log_file >= 0) {
+    close(g_log_file);
+    g_log_file = -1;
     if (!g_has_log_file_name) g_destinations &= ~kLogToFile;
   }
+  g_log_file_refused = false;
   if (!settings.log_file_path) {
     fprintf(stderr, "%s:%d: assertion %s failed: %s\n", __FILE__, __LINE__,
             "settings.log_file_path", "a log file path is required with kLogToFile");
@@ -369,7 +404,7 @@ bool InitializeLogging(const LogSettings& settings) {
   }
   SetLogFileName(settings.log_file_path);
   if (settings.old_file_handling == DELETE_OLD_LOG_FILE) unlink(g_log_file_name->c_str());
-  if (!g_log_file && (g_destinations & kLogToFile)) return OpenLogFileLocked();
+  if (g_log_file < 0 && (g_destinations & kLogToFile)) return OpenLogFileLocked();
   return true;
 }
 

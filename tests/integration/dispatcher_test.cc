@@ -154,31 +154,62 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
   EXPECT_EQ(Sorted(received), Sorted({"work browser: " + kOther, "work browser: " + std::string(kWorkUrl)}));
 
   // An empty delivery ends after the termination task's wait. A log that cannot be written costs no line: no folder
-  // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist), a full device, a folder there.
-  auto empty = [&](const std::string& path) {
-    return Strings{kBanner, kLaunching, "INFO Local State Path " + path, kUnreadable, kReceived + " ]", kTerminated};
-  };
+  // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist).
   ProcessOptions relative = Options();
   relative.env["XDG_CONFIG_HOME"] = "config";
   result = Run({}, relative);
   EXPECT_TRUE(result.seconds >= 2.0 && result.seconds < 8.0) << result.seconds;
-  EXPECT_EQ(Messages(result.err), empty(Home(".config/Halvard/Corvane/Local State")));
+  const std::string kDefaultPath = "INFO Local State Path " + Home(".config/Halvard/Corvane/Local State");
+  EXPECT_EQ(Messages(result.err),
+            (Strings{kBanner, kLaunching, kDefaultPath, kUnreadable, kReceived + " ]", kTerminated}));
   EXPECT_FALSE(FileExists(Home(".config"))) << "made by the dispatcher";
-  ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && symlink("/dev/full", log_file_.c_str()) == 0);
-  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
-  ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && MakeDirectories(log_file_));
-  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
+
+  // Whatever is found at the log's path, the URL still opens; nothing is written through a link, and the file we
+  // write to is ours with mode 0600.
+  const std::string kV(8000, 'v'), kRefused = "Not logging to a file that is ", kRun = "exec \"$D\" \"$@\"";
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"ln -s \"$V\" \"$L\"", kRun, "a symbolic link"}, {"ln -s \"$V.new\" \"$L\"", kRun, "a symbolic link"},
+      {"ln \"$V\" \"$L\"", kRun, "a hard link"}, {"mkfifo \"$L\"", kRun, "not a regular file"},
+      {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"}};
+  ProcessOptions options = Options();
+  options.env.insert({{"V", Home("victim")}, {"L", log_file_}});
+  options.timeout_seconds = 20;
+  size_t launches = 2;
+  for (const auto& [setup, run, refusal] : rows) {
+    if (refusal == "another user's" && !RunningAsRoot()) continue;  // only root can hand a file to another user
+    SCOPED_TRACE(setup);
+    RemoveTree(log_file_);
+    RemoveTree(Home("victim.new"));
+    ASSERT_TRUE(WriteFile(Home("victim"), kV));
+    result = RunProcess({"/bin/sh", "-c", setup + " && " + run, "sh", kWorkUrl}, options);
+    EXPECT_TRUE(result.exited && result.exit_code == 0) << result.err;
+    std::string log = result.err;
+    if (!refusal.empty()) {
+      EXPECT_EQ(log.substr(0, log.find('\n') + 1), kRefused + refusal + ": " + log_file_ + "\n");
+      log.erase(0, log.find('\n') + 1);
+    }
+    EXPECT_EQ(Messages(log), (Strings{kBanner, kLaunching, kPath, kUnreadable, kReceived + kWorkUrl + " ]", kNoPolicy,
+                                      kHosted, kLaunched, kTerminated}));
+    EXPECT_EQ(WaitForBrowserRecords(Home("records"), ++launches).size(), launches);
+    EXPECT_TRUE(ReadFile(Home("victim")) == kV);
+    EXPECT_FALSE(FileExists(Home("victim.new")));
+    if (setup.starts_with("cp")) {  // another user's file is left alone
+      EXPECT_TRUE(ReadFile(log_file_) == kV);
+      EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0644));
+    }
+  }
 }
 
 TEST_F(DispatcherTest, LogExpiresAt97WholeHoursOfAgeAndAnUndeletableOneGetsAnErrorFirst) {
   const Strings kFresh = {kBanner, kLaunching};
   const Strings kUndeletable = {"ERROR Log file deletion after expiry failed!", kBanner};
-  // Age, whether the old file stays, its first new lines; last, as one who may write the file but not its folder.
+  // Age, whether the old file stays, its first new lines; last, as the owner of the file but not of its folder.
   for (const auto& [age, kept, first] : {std::tuple(97 * 3600, false, kFresh), {(96 * 60 + 59) * 60, true, kFresh},
                                          {-200 * 3600, true, kFresh}, {97 * 3600, true, kUndeletable}}) {
     if (first == kUndeletable && !RunningAsRoot()) continue;  // only root can hand the file to another user
     SCOPED_TRACE(age);
     ASSERT_TRUE(WriteFile(log_file_, "an old line\n", 0666));
+    ASSERT_TRUE(first != kUndeletable || chown(log_file_.c_str(), 65534, 65534) == 0);  // the log must be its own
     Run({}, Options(age), first == kUndeletable ? AsUnprivilegedUser() : Strings{});
     std::string file = ReadFile(log_file_);
     EXPECT_EQ(file.starts_with("an old line\n"), kept);  // and appended to
