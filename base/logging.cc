@@ -374,6 +374,27 @@ bool OpenLogFileLocked() {
   return false;
 }
 
+// Appends the whole line or nothing. What a failing write (a full disk, the
+// file size limit) has left of the line is cut off again, so that the next
+// line, maybe the next run's, does not continue it.
+void AppendLine(int fd, const std::string& line) {
+  const char* data = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    ssize_t written = write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+  size_t appended = line.size() - left;
+  if (left == 0 || appended == 0) return;
+  off_t end = lseek(fd, 0, SEEK_CUR);  // just past what was appended
+  if (end >= static_cast<off_t>(appended)) (void)!ftruncate(fd, end - static_cast<off_t>(appended));
+}
+
 void WriteToLogFile(const std::string& line) {
   std::lock_guard<std::mutex> lock(FileMutex());
   if (g_log_file < 0) {
@@ -381,12 +402,35 @@ void WriteToLogFile(const std::string& line) {
     if (!(g_destinations & kLogToFile) || g_log_file_refused) return;
     if (!OpenLogFileLocked()) return;
   }
-  WriteAll(g_log_file, line);
+  AppendLine(g_log_file, line);
+}
+
+// A write beyond the file size limit (RLIMIT_FSIZE) raises SIGXFSZ, which
+// would end the process before its launches: it is caught, and the write
+// fails instead. Caught rather than ignored, so that programs we start get
+// the default back. A disposition someone else chose is kept.
+void IgnoreFileSizeSignal(int) {}
+
+void CatchFileSizeSignal() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    struct sigaction current;
+    if (sigaction(SIGXFSZ, nullptr, &current) != 0 || (current.sa_flags & SA_SIGINFO) ||
+        current.sa_handler != SIG_DFL) {
+      return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = &IgnoreFileSizeSignal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGXFSZ, &action, nullptr);
+  });
 }
 
 }  // namespace
 
 bool InitializeLogging(const LogSettings& settings) {
+  CatchFileSizeSignal();
   g_destinations = settings.destinations;
   if (!(g_destinations & kLogToFile)) return true;
 

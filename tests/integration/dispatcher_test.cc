@@ -164,13 +164,14 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
             (Strings{kBanner, kLaunching, kDefaultPath, kUnreadable, kReceived + " ]", kTerminated}));
   EXPECT_FALSE(FileExists(Home(".config"))) << "made by the dispatcher";
 
-  // Whatever is found at the log's path, the URL still opens; nothing is written through a link, and the file we
-  // write to is ours with mode 0600.
+  // Whatever is found at the log's path, or however full it is, the URL still opens; nothing is written through a
+  // link, the file we write to is ours with mode 0600, and a line is written whole or not at all.
   const std::string kV(8000, 'v'), kRefused = "Not logging to a file that is ", kRun = "exec \"$D\" \"$@\"";
   const std::tuple<std::string, std::string, std::string> rows[] = {
       {"ln -s \"$V\" \"$L\"", kRun, "a symbolic link"}, {"ln -s \"$V.new\" \"$L\"", kRun, "a symbolic link"},
       {"ln \"$V\" \"$L\"", kRun, "a hard link"}, {"mkfifo \"$L\"", kRun, "not a regular file"},
-      {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"}};
+      {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"},
+      {"cp \"$V\" \"$L\" && chmod 644 \"$L\"", "exec prlimit --fsize=8020 \"$D\" \"$@\"", ""}};  // full, and tightened
   ProcessOptions options = Options();
   options.env.insert({{"V", Home("victim")}, {"L", log_file_}});
   options.timeout_seconds = 20;
@@ -193,9 +194,10 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
     EXPECT_EQ(WaitForBrowserRecords(Home("records"), ++launches).size(), launches);
     EXPECT_TRUE(ReadFile(Home("victim")) == kV);
     EXPECT_FALSE(FileExists(Home("victim.new")));
-    if (setup.starts_with("cp")) {  // another user's file is left alone
+    if (setup.starts_with("cp")) {  // another user's file is left alone; ours, full, is narrowed to 0600
       EXPECT_TRUE(ReadFile(log_file_) == kV);
-      EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0644));
+      std::filesystem::perms mode = std::filesystem::status(log_file_, error).permissions();
+      EXPECT_EQ(mode, std::filesystem::perms(refusal.empty() ? 0600 : 0644));
     }
   }
 }
