@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/files/file_util.h"
 #include "base/logging.h"
 #include "dispatcher/dispatcher_delegate.h"
 #include "dispatcher/dispatcher_main.h"
@@ -128,6 +129,7 @@ void CreateApplication(Shell* shell, GApplicationFlags flags) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::EnsureStandardDescriptorsOpen();  // before any file is opened: the log must never be fd 2
   // Lives until the process ends: the termination worker and late launch
   // completions still reach it.
   static Shell& shell = *new Shell;

@@ -165,13 +165,14 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
   EXPECT_FALSE(FileExists(Home(".config"))) << "made by the dispatcher";
 
   // Whatever is found at the log's path, or however full it is, the URL still opens; nothing is written through a
-  // link, the file we write to is ours with mode 0600, and a line is written whole or not at all.
+  // link, the file we write to is ours with mode 0600, a line is written whole or not at all, and each just once.
   const std::string kV(8000, 'v'), kRefused = "Not logging to a file that is ", kRun = "exec \"$D\" \"$@\"";
   const std::tuple<std::string, std::string, std::string> rows[] = {
       {"ln -s \"$V\" \"$L\"", kRun, "a symbolic link"}, {"ln -s \"$V.new\" \"$L\"", kRun, "a symbolic link"},
       {"ln \"$V\" \"$L\"", kRun, "a hard link"}, {"mkfifo \"$L\"", kRun, "not a regular file"},
       {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"},
-      {"cp \"$V\" \"$L\" && chmod 644 \"$L\"", "exec prlimit --fsize=8020 \"$D\" \"$@\"", ""}};  // full, and tightened
+      {"cp \"$V\" \"$L\" && chmod 644 \"$L\"", "exec prlimit --fsize=8020 \"$D\" \"$@\"", ""},  // full, and tightened
+      {"true", kRun + " <&- >&- 2>&-", ""}};
   ProcessOptions options = Options();
   options.env.insert({{"V", Home("victim")}, {"L", log_file_}});
   options.timeout_seconds = 20;
@@ -184,7 +185,7 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
     ASSERT_TRUE(WriteFile(Home("victim"), kV));
     result = RunProcess({"/bin/sh", "-c", setup + " && " + run, "sh", kWorkUrl}, options);
     EXPECT_TRUE(result.exited && result.exit_code == 0) << result.err;
-    std::string log = result.err;
+    std::string log = run.ends_with("&-") ? ReadFile(log_file_) : result.err;
     if (!refusal.empty()) {
       EXPECT_EQ(log.substr(0, log.find('\n') + 1), kRefused + refusal + ": " + log_file_ + "\n");
       log.erase(0, log.find('\n') + 1);
