@@ -32,7 +32,10 @@ LogMessageHandler g_message_handler = nullptr;
 // Guarded by FileMutex().
 bool g_has_log_file_name = false;
 std::string* g_log_file_name = nullptr;
-FILE* g_log_file = nullptr;
+int g_log_file = -1;
+// What is at the name was refused (said once on standard error): not tried
+// again until the next configuration.
+bool g_log_file_refused = false;
 
 std::mutex& FileMutex() {
   static std::mutex* mutex = new std::mutex;  // never destroyed: logging may run during exit
@@ -45,17 +48,45 @@ void SetLogFileName(const char* name) {
   g_has_log_file_name = true;
 }
 
-// Opens the named log file for appending. Log lines may carry URLs with
-// tokens in them, so a file that we create is readable by its owner only.
-bool OpenLogFileLocked() {
-  int fd = open(g_log_file_name->c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
-  g_log_file = fdopen(fd, "a");
-  if (!g_log_file) {
-    close(fd);
-    return false;
+// C0 control bytes and DEL. In the message of a line they become "%XX", so
+// that no text from outside (a URL, a pattern, a path) can start a line of
+// its own or hide text from a terminal.
+bool IsControlByte(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+size_t FindControlByte(const std::string& text, size_t from) {
+  const unsigned char* data = reinterpret_cast<const unsigned char*>(text.data());
+  size_t i = from;
+  // 64 bytes at a time, without a branch per byte, which compilers turn into
+  // vector instructions: URLs of megabytes go through here.
+  for (; i + 64 <= text.size(); i += 64) {
+    const unsigned char* chunk = data + i;
+    unsigned char any = 0;
+    for (int j = 0; j < 64; ++j) any |= (chunk[j] < 0x20) | (chunk[j] == 0x7f);
+    if (any) break;
   }
-  return true;
+  for (; i < text.size(); ++i) {
+    if (IsControlByte(data[i])) return i;
+  }
+  return std::string::npos;
+}
+
+void EscapeControlBytes(std::string* text, size_t from) {
+  size_t at = FindControlByte(*text, from);
+  if (at == std::string::npos) return;
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string escaped;
+  escaped.reserve(text->size() + 16);
+  size_t done = 0;
+  for (; at != std::string::npos; at = FindControlByte(*text, done)) {
+    escaped.append(*text, done, at - done);
+    unsigned char c = static_cast<unsigned char>((*text)[at]);
+    escaped += '%';
+    escaped += kHex[c >> 4];
+    escaped += kHex[c & 0xf];
+    done = at + 1;
+  }
+  escaped.append(*text, done, std::string::npos);
+  text->swap(escaped);
 }
 
 // What standard error is, looked at once a second per thread rather than for
@@ -297,30 +328,119 @@ void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
   pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }
 
-void WriteToLogFile(const std::string& line) {
-  std::lock_guard<std::mutex> lock(FileMutex());
-  if (!g_log_file) {
-    if (!g_has_log_file_name) SetLogFileName("debug.log");
-    if (!(g_destinations & kLogToFile)) return;
-    if (!OpenLogFileLocked()) return;
+// Opens the named log file for appending. Log lines carry URLs with tokens,
+// so it must be a regular file of this user with no other name, readable by
+// its owner only (a wider mode is narrowed). Opening never waits (a FIFO
+// without a reader) and never follows a final symbolic link. Whatever else
+// is found there is refused with one line on standard error and left alone
+// until the next configuration; a missing folder or a lacking permission is
+// quietly tried again with the next line.
+bool OpenLogFileLocked() {
+  const char* name = g_log_file_name->c_str();
+  int fd = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK,
+                0600);
+  const char* refusal = nullptr;
+  struct stat st;
+  if (fd < 0) {
+    if (errno == ELOOP) {
+      refusal = "a symbolic link";
+    } else if (errno == ENXIO || errno == EISDIR) {  // a FIFO without a reader, a socket, a folder
+      refusal = "not a regular file";
+    } else {
+      return false;
+    }
+  } else if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    refusal = "not a regular file";
+  } else if (st.st_uid != geteuid()) {
+    refusal = "another user's";
+  } else if (st.st_nlink > 1) {
+    refusal = "a hard link";
+  } else if ((st.st_mode & 07777) != 0600 && fchmod(fd, 0600) != 0) {
+    refusal = "open to others";
   }
-  // Straight to the descriptor: every line is written whole at once anyway.
-  WriteAll(fileno(g_log_file), line);
+  if (!refusal) {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    g_log_file = fd;
+    return true;
+  }
+  if (fd >= 0) close(fd);
+  g_log_file_refused = true;
+  std::string text = std::string("Not logging to a file that is ") + refusal + ": ";
+  size_t path_start = text.size();
+  text += name;
+  EscapeControlBytes(&text, path_start);
+  text += '\n';
+  WriteToStderr(text, CurrentStderrKind(time(nullptr)).may_raise_sigpipe);
+  return false;
 }
 
+// Appends the whole line or nothing. What a failing write (a full disk, the
+// file size limit) has left of the line is cut off again, so that the next
+// line, maybe the next run's, does not continue it.
+void AppendLine(int fd, const std::string& line) {
+  const char* data = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    ssize_t written = write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+  size_t appended = line.size() - left;
+  if (left == 0 || appended == 0) return;
+  off_t end = lseek(fd, 0, SEEK_CUR);  // just past what was appended
+  if (end >= static_cast<off_t>(appended)) (void)!ftruncate(fd, end - static_cast<off_t>(appended));
+}
+
+void WriteToLogFile(const std::string& line) {
+  std::lock_guard<std::mutex> lock(FileMutex());
+  if (g_log_file < 0) {
+    if (!g_has_log_file_name) SetLogFileName("debug.log");
+    if (!(g_destinations & kLogToFile) || g_log_file_refused) return;
+    if (!OpenLogFileLocked()) return;
+  }
+  AppendLine(g_log_file, line);
+}
+
+// A write beyond the file size limit (RLIMIT_FSIZE) raises SIGXFSZ, which
+// would end the process before its launches: it is caught, and the write
+// fails instead. Caught rather than ignored, so that programs we start get
+// the default back. A disposition someone else chose is kept.
+void IgnoreFileSizeSignal(int) {}
+
+void CatchFileSizeSignal() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    struct sigaction current;
+    if (sigaction(SIGXFSZ, nullptr, &current) != 0 || (current.sa_flags & SA_SIGINFO) ||
+        current.sa_handler != SIG_DFL) {
+      return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = &IgnoreFileSizeSignal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGXFSZ, &action, nullptr);
+  });
+}
 
 }  // namespace
 
 bool InitializeLogging(const LogSettings& settings) {
+  CatchFileSizeSignal();
   g_destinations = settings.destinations;
   if (!(g_destinations & kLogToFile)) return true;
 
   std::lock_guard<std::mutex> lock(FileMutex());
-  if (g_log_file) {
-    fclose(g_log_file);
-    g_log_file = nullptr;
+  if (g_log_file >= 0) {
+    close(g_log_file);
+    g_log_file = -1;
     if (!g_has_log_file_name) g_destinations &= ~kLogToFile;
   }
+  g_log_file_refused = false;
   if (!settings.log_file_path) {
     fprintf(stderr, "%s:%d: assertion %s failed: %s\n", __FILE__, __LINE__,
             "settings.log_file_path", "a log file path is required with kLogToFile");
@@ -328,7 +448,7 @@ bool InitializeLogging(const LogSettings& settings) {
   }
   SetLogFileName(settings.log_file_path);
   if (settings.old_file_handling == DELETE_OLD_LOG_FILE) unlink(g_log_file_name->c_str());
-  if (!g_log_file && (g_destinations & kLogToFile)) return OpenLogFileLocked();
+  if (g_log_file < 0 && (g_destinations & kLogToFile)) return OpenLogFileLocked();
   return true;
 }
 
@@ -409,6 +529,7 @@ std::ostream& LogMessage::stream() { return *stream_; }
 
 void LogMessage::Emit() {
   std::string& line = stream_->text();
+  EscapeControlBytes(&line, message_start_);
   line += '\n';
 
   if (g_message_handler &&

@@ -1,6 +1,7 @@
 // Process-wide logging facility: one line per statement, to a log file, the
 // system log and standard error, in the fixed format
-// "[MMDD/HHMMSS.uuuuuu:SEVERITY:file(line)] message\n".
+// "[MMDD/HHMMSS.uuuuuu:SEVERITY:file(line)] message\n". Control bytes of the
+// message (C0 and DEL) are written as "%XX": each line is one record.
 #ifndef BASE_LOGGING_H_
 #define BASE_LOGGING_H_
 
@@ -39,7 +40,10 @@ struct LogSettings {
   OldFileDeletionState old_file_handling = APPEND_TO_OLD_LOG_FILE;
 };
 
-// Returns false only when the log file was to be opened and could not be.
+// With kLogToFile the file is opened at once. Only a regular file of this
+// user with no other name is written to, its mode narrowed to 0600; anything
+// else (a link, a FIFO) is refused with one line on standard error. Returns
+// false only when the log file was to be opened and could not be.
 bool InitializeLogging(const LogSettings& settings);
 
 // Stores min(level, LOG_FATAL).

@@ -1,7 +1,8 @@
 // Composition of one log line from arbitrary source file names, line
 // numbers, severities and message bytes: the prefix always reads
 // "[MMDD/HHMMSS.uuuuuu:SEVERITY:base name(line)] ", the message follows byte
-// for byte, the line ends in one newline, and the caller's errno survives.
+// for byte but for control bytes (C0 and DEL), which read "%XX", the line
+// ends in its one newline, and the caller's errno survives.
 //
 // Input: 4 bytes of severity, 4 of line number, then the file name, a NUL
 // byte and the message.
@@ -76,6 +77,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string expected = logging::SeverityName(severity) + ":" + base + "(" + std::to_string(line_number) + ")] ";
   if (line.substr(20, expected.size()) != expected) Fail("bad severity, file or line number");
   if (g_captured.message_start != 20 + expected.size()) Fail("message start is not where the prefix ends");
-  if (line.substr(g_captured.message_start) != std::string(message) + "\n") Fail("message not kept byte for byte");
+  std::string escaped;
+  for (unsigned char c : message) {
+    char hex[4];
+    std::snprintf(hex, sizeof(hex), "%%%02X", c);
+    escaped += c < 0x20 || c == 0x7f ? std::string(hex) : std::string(1, static_cast<char>(c));
+  }
+  if (line.substr(g_captured.message_start) != escaped + "\n") Fail("message not kept byte for byte, escaped");
   return 0;
 }

@@ -31,6 +31,18 @@ bool DoDeleteFile(const FilePath& path) {
   return errno == ENOENT;
 }
 
+bool EnsureStandardDescriptorsOpen() {
+  // Each open takes the lowest free descriptor: the first above 2 shows that
+  // 0 to 2 are taken.
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);  // not close-on-exec: programs we start inherit 0 to 2
+  } while (fd >= 0 && fd <= 2);
+  if (fd < 0) return false;
+  close(fd);
+  return true;
+}
+
 bool PathIsReadable(const FilePath& path) {
   return !path.empty() && access(path.value().c_str(), R_OK) == 0;
 }

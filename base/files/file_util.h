@@ -44,6 +44,12 @@ bool PathIsReadable(const FilePath& path);
 bool ReadFileToString(const FilePath& path, std::string* contents,
                       size_t max_size = static_cast<size_t>(-1));
 
+// Opens the null device on each of the standard descriptors 0, 1 and 2 that
+// is closed, so that no file opened later (the log) becomes standard output
+// or error and gets what is written there. Called first in main(). False
+// when one of them stays closed.
+bool EnsureStandardDescriptorsOpen();
+
 namespace internal {
 // The platform's part of GetFileInformation: the three times of the file
 // that `st` describes, `path` being where it was read.

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "base/files/file_util.h"
 #include "base/logging.h"
 #include "dispatcher/dispatcher_delegate.h"
 #include "dispatcher/dispatcher_main.h"
@@ -239,7 +240,8 @@ void StartUp(Shell& shell, bool forwarding_failed) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // First of all: from here on no URL of ours ends unnamed.
+  base::EnsureStandardDescriptorsOpen();  // before any file is opened: the log must never be fd 2
+  // From here on no URL of ours ends unnamed.
   InstallSignalHandlers();
   // Lives until the process ends: the termination worker and late launch
   // completions still reach it.

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/files/file_util.h"
 #include "dispatcher/dispatcher_delegate.h"
 #include "dispatcher/dispatcher_main.h"
 #include "platform/mac/mac_workspace.h"
@@ -87,6 +88,7 @@ class NSApplicationShell : public dispatcher::ApplicationShell {
 @end
 
 int main(int argc, const char* argv[]) {
+  base::EnsureStandardDescriptorsOpen();  // before any file is opened: the log must never be fd 2
   @autoreleasepool {
     dispatcher::InitializeDispatcherLogging();
     CorvaneAppDelegate* delegate = [[CorvaneAppDelegate alloc] init];

@@ -136,49 +136,85 @@ class DispatcherTest : public ::testing::Test {
 TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlToTheWorkBrowserWithoutPolicy) {
   const std::string kPath = "INFO Local State Path " + local_state_, kUnreadable = "ERROR Local State is not readable.";
   const std::string kReceived = "INFO Corvane Dispatcher received urls - [ ";
-  // No option is GLib's: GApplication would take the first two, never end and open nothing.
-  const std::string kRefused = "ERROR Refused a command-line argument that is neither a URL nor an existing path: ";
+  // No option is GLib's (GApplication took the first two, never ended and opened nothing). Control characters from
+  // outside never start a line of their own nor hide text; the browser gets them all.
+  const std::string kNotUrl = "ERROR Refused a command-line argument that is neither a URL nor an existing path: ";
+  const std::string kForged = "[1121/091937.569714:INFO:classifier.cc(64)] Pattern : *";
+  const std::string kOther = kOtherUrl + ("\x7f\x1b[8m\r\n" + kForged);
   ProcessResult result =
-      Run({"--gapplication-service", "--help-gapplication", "--help", kOtherUrl, kWorkUrl}, Options());
+      Run({"--gapplication-service", "--help-gapplication", "--help\n" + kForged, kOther, kWorkUrl}, Options());
   std::string file = ReadFile(log_file_);
-  EXPECT_EQ(Messages(file), (Strings{kBanner, kLaunching, kPath, kUnreadable, kRefused + "--gapplication-service",
-                                     kRefused + "--help-gapplication", kRefused + "--help",
-                                     kReceived + kOtherUrl + ", " + kWorkUrl + " ]", kNoPolicy, kHosted, kLaunched,
-                                     kNoPolicy, kHosted, kLaunched, kTerminated}));
+  EXPECT_EQ(Messages(file), (Strings{kBanner, kLaunching, kPath, kUnreadable, kNotUrl + "--gapplication-service",
+                                     kNotUrl + "--help-gapplication", kNotUrl + "--help%0A" + kForged,
+                                     kReceived + kOtherUrl + "%7F%1B[8m%0D%0A" + kForged + ", " + kWorkUrl + " ]",
+                                     kNoPolicy, kHosted, kLaunched, kNoPolicy, kHosted, kLaunched, kTerminated}));
   EXPECT_EQ(result.out + result.err, file);
   std::error_code error;  // the file's mode: URLs can carry secrets
   EXPECT_EQ(std::filesystem::status(log_file_, error).permissions(), std::filesystem::perms(0600));
   Strings received;
   for (BrowserRecord& r : WaitForBrowserRecords(Home("records"), 2)) received.push_back(r.name + ": " + r.args.at(0));
-  EXPECT_EQ(Sorted(received), Sorted({"work browser: " + std::string(kOtherUrl),
-                                      "work browser: " + std::string(kWorkUrl)}));
+  EXPECT_EQ(Sorted(received), Sorted({"work browser: " + kOther, "work browser: " + std::string(kWorkUrl)}));
 
   // An empty delivery ends after the termination task's wait. A log that cannot be written costs no line: no folder
-  // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist), a full device, a folder there.
-  auto empty = [&](const std::string& path) {
-    return Strings{kBanner, kLaunching, "INFO Local State Path " + path, kUnreadable, kReceived + " ]", kTerminated};
-  };
+  // (a relative XDG_CONFIG_HOME does not count, and "$HOME/.config" does not exist).
   ProcessOptions relative = Options();
   relative.env["XDG_CONFIG_HOME"] = "config";
   result = Run({}, relative);
   EXPECT_TRUE(result.seconds >= 2.0 && result.seconds < 8.0) << result.seconds;
-  EXPECT_EQ(Messages(result.err), empty(Home(".config/Halvard/Corvane/Local State")));
+  const std::string kDefaultPath = "INFO Local State Path " + Home(".config/Halvard/Corvane/Local State");
+  EXPECT_EQ(Messages(result.err),
+            (Strings{kBanner, kLaunching, kDefaultPath, kUnreadable, kReceived + " ]", kTerminated}));
   EXPECT_FALSE(FileExists(Home(".config"))) << "made by the dispatcher";
-  ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && symlink("/dev/full", log_file_.c_str()) == 0);
-  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
-  ASSERT_TRUE(unlink(log_file_.c_str()) == 0 && MakeDirectories(log_file_));
-  EXPECT_EQ(Messages(Run({}, Options()).err), empty(local_state_));
+
+  // Whatever is found at the log's path, or however full it is, the URL still opens; nothing is written through a
+  // link, the file we write to is ours with mode 0600, a line is written whole or not at all, and each just once.
+  const std::string kV(8000, 'v'), kRefused = "Not logging to a file that is ", kRun = "exec \"$D\" \"$@\"";
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"ln -s \"$V\" \"$L\"", kRun, "a symbolic link"}, {"ln -s \"$V.new\" \"$L\"", kRun, "a symbolic link"},
+      {"ln \"$V\" \"$L\"", kRun, "a hard link"}, {"mkfifo \"$L\"", kRun, "not a regular file"},
+      {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"},
+      {"cp \"$V\" \"$L\" && chmod 644 \"$L\"", "exec prlimit --fsize=8020 \"$D\" \"$@\"", ""},  // full, and tightened
+      {"true", kRun + " <&- >&- 2>&-", ""}};
+  ProcessOptions options = Options();
+  options.env.insert({{"V", Home("victim")}, {"L", log_file_}});
+  options.timeout_seconds = 20;
+  size_t launches = 2;
+  for (const auto& [setup, run, refusal] : rows) {
+    if (refusal == "another user's" && !RunningAsRoot()) continue;  // only root can hand a file to another user
+    SCOPED_TRACE(setup);
+    RemoveTree(log_file_);
+    RemoveTree(Home("victim.new"));
+    ASSERT_TRUE(WriteFile(Home("victim"), kV));
+    result = RunProcess({"/bin/sh", "-c", setup + " && " + run, "sh", kWorkUrl}, options);
+    EXPECT_TRUE(result.exited && result.exit_code == 0) << result.err;
+    std::string log = run.ends_with("&-") ? ReadFile(log_file_) : result.err;
+    if (!refusal.empty()) {
+      EXPECT_EQ(log.substr(0, log.find('\n') + 1), kRefused + refusal + ": " + log_file_ + "\n");
+      log.erase(0, log.find('\n') + 1);
+    }
+    EXPECT_EQ(Messages(log), (Strings{kBanner, kLaunching, kPath, kUnreadable, kReceived + kWorkUrl + " ]", kNoPolicy,
+                                      kHosted, kLaunched, kTerminated}));
+    EXPECT_EQ(WaitForBrowserRecords(Home("records"), ++launches).size(), launches);
+    EXPECT_TRUE(ReadFile(Home("victim")) == kV);
+    EXPECT_FALSE(FileExists(Home("victim.new")));
+    if (setup.starts_with("cp")) {  // another user's file is left alone; ours, full, is narrowed to 0600
+      EXPECT_TRUE(ReadFile(log_file_) == kV);
+      std::filesystem::perms mode = std::filesystem::status(log_file_, error).permissions();
+      EXPECT_EQ(mode, std::filesystem::perms(refusal.empty() ? 0600 : 0644));
+    }
+  }
 }
 
 TEST_F(DispatcherTest, LogExpiresAt97WholeHoursOfAgeAndAnUndeletableOneGetsAnErrorFirst) {
   const Strings kFresh = {kBanner, kLaunching};
   const Strings kUndeletable = {"ERROR Log file deletion after expiry failed!", kBanner};
-  // Age, whether the old file stays, its first new lines; last, as one who may write the file but not its folder.
+  // Age, whether the old file stays, its first new lines; last, as the owner of the file but not of its folder.
   for (const auto& [age, kept, first] : {std::tuple(97 * 3600, false, kFresh), {(96 * 60 + 59) * 60, true, kFresh},
                                          {-200 * 3600, true, kFresh}, {97 * 3600, true, kUndeletable}}) {
     if (first == kUndeletable && !RunningAsRoot()) continue;  // only root can hand the file to another user
     SCOPED_TRACE(age);
     ASSERT_TRUE(WriteFile(log_file_, "an old line\n", 0666));
+    ASSERT_TRUE(first != kUndeletable || chown(log_file_.c_str(), 65534, 65534) == 0);  // the log must be its own
     Run({}, Options(age), first == kUndeletable ? AsUnprivilegedUser() : Strings{});
     std::string file = ReadFile(log_file_);
     EXPECT_EQ(file.starts_with("an old line\n"), kept);  // and appended to
