@@ -44,6 +44,10 @@ bool PathIsReadable(const FilePath& path);
 bool ReadFileToString(const FilePath& path, std::string* contents,
                       size_t max_size = static_cast<size_t>(-1));
 
+// The same for a regular file only: a FIFO, a device or a directory is
+// refused unread.
+bool ReadRegularFileToString(const FilePath& path, std::string* contents, size_t max_size);
+
 namespace internal {
 // The platform's part of GetFileInformation: the three times of the file
 // that `st` describes, `path` being where it was read.

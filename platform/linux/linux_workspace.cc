@@ -8,11 +8,14 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string_view>
 #include <utility>
 
+#include "base/files/file_path.h"
+#include "base/files/file_util.h"
 #include "dispatcher/url.h"
 #include "platform/linux/loop_guard.h"
 
@@ -21,6 +24,9 @@ namespace dispatcher::linux_shell {
 namespace {
 
 constexpr char kDesktopEntrySuffix[] = ".desktop";
+// A desktop entry is a few kilobytes; a file of megabytes is taken for none
+// rather than read on every click.
+constexpr size_t kKeyFileReadLimit = 1024 * 1024;
 
 std::optional<std::string> GetEnvironmentVariable(const char* name) {
   const char* value = getenv(name);
@@ -153,15 +159,16 @@ enum class DesktopFileLoad { kUnloadable, kHidden, kVisible };
 
 // Whether GIO would load the desktop file at `path` as an application, and
 // whether it is hidden: the tests of GIO's loader, which skips a file that
-// fails them and goes on to the next folder.
+// fails them and goes on to the next folder. Anything but a regular file is
+// skipped too, where GIO's loader would wait for a FIFO's writer.
 DesktopFileLoad LoadDesktopFile(const char* path) {
-  GKeyFile* file = g_key_file_new();
+  GKeyFile* file = LoadKeyFile(path);
   DesktopFileLoad load = DesktopFileLoad::kUnloadable;
   gchar* start_group = nullptr;
   gchar* type = nullptr;
   gchar* try_exec = nullptr;
   gchar* exec = nullptr;
-  if (g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, nullptr) &&
+  if (file &&
       (start_group = g_key_file_get_start_group(file)) != nullptr &&
       strcmp(start_group, G_KEY_FILE_DESKTOP_GROUP) == 0 &&
       (type = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_TYPE, nullptr)) &&
@@ -180,7 +187,7 @@ DesktopFileLoad LoadDesktopFile(const char* path) {
   g_free(try_exec);
   g_free(type);
   g_free(start_group);
-  g_key_file_free(file);
+  if (file) g_key_file_free(file);
   return load;
 }
 
@@ -231,6 +238,17 @@ int SpawnBrowser(const std::string& path, const std::string& url, gchar** envp) 
 }
 
 }  // namespace
+
+GKeyFile* LoadKeyFile(const std::string& path) {
+  std::string data;
+  GKeyFile* file = g_key_file_new();
+  if (base::ReadRegularFileToString(base::FilePath(path), &data, kKeyFileReadLimit) &&
+      g_key_file_load_from_data(file, data.data(), data.size(), G_KEY_FILE_NONE, nullptr)) {
+    return file;
+  }
+  g_key_file_free(file);
+  return nullptr;
+}
 
 std::optional<std::string> FindDesktopFile(const char* desktop_id) {
   std::vector<const gchar*> data_folders = {g_get_user_data_dir()};
@@ -340,7 +358,12 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
   auto changes = BrowserEnvironmentChanges();
 
   if (EndsWith(*path, kDesktopEntrySuffix)) {
-    GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(path->c_str());
+    // GIO's loader would wait for a writer of a FIFO: only a regular file
+    // gets that far.
+    struct stat st;
+    GDesktopAppInfo* info = stat(path->c_str(), &st) == 0 && S_ISREG(st.st_mode)
+                                ? g_desktop_app_info_new_from_filename(path->c_str())
+                                : nullptr;
     const bool over_session_bus = info && StartsOverSessionBus(info);
     if (!info || (!over_session_bus && !DesktopEntryProgramIsRunnable(info))) {
       if (info) g_object_unref(info);

@@ -1,6 +1,5 @@
 #include "platform/linux/loop_guard.h"
 
-#include <fcntl.h>
 #include <glib.h>
 #include <limits.h>
 #include <stdio.h>
@@ -13,12 +12,16 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/files/file_path.h"
+#include "base/files/file_util.h"
+#include "platform/linux/linux_workspace.h"
+
 namespace dispatcher::linux_shell {
 
 namespace {
 
 constexpr std::string_view kDesktopEntrySuffix = ".desktop";
-// Wrapper scripts are short; a longer file is read no further than this.
+// Wrapper scripts are short; a longer file is taken for none and not read.
 constexpr size_t kScriptReadLimit = 64 * 1024;
 // Depths beyond this mean the same: the loop runs through the work browser.
 constexpr int kDepthLimit = 8;
@@ -90,19 +93,9 @@ bool TextNamesOwnExecutable(std::string_view text) {
 // A script ("#!" first) that names our executable anywhere, its interpreter
 // line included.
 bool ScriptRunsOwnExecutable(const std::string& path) {
-  // Non-blocking, so that a FIFO cannot hold the dispatcher up.
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
-  struct stat st;
   std::string text;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 2 &&
-      static_cast<size_t>(st.st_size) <= kScriptReadLimit) {
-    text.resize(static_cast<size_t>(st.st_size));
-    ssize_t got = pread(fd, text.data(), text.size(), 0);
-    text.resize(got > 0 ? static_cast<size_t>(got) : 0);
-  }
-  close(fd);
-  return text.starts_with("#!") && TextNamesOwnExecutable(std::string_view(text).substr(2));
+  return base::ReadRegularFileToString(base::FilePath(path), &text, kScriptReadLimit) && text.starts_with("#!") &&
+         TextNamesOwnExecutable(std::string_view(text).substr(2));
 }
 
 bool ProgramRunsOwnExecutable(const std::string& path) {
@@ -119,9 +112,9 @@ bool EntryRunsOwnExecutable(const std::string& path) {
   free(resolved);
   if (ours) return true;
 
-  GKeyFile* file = g_key_file_new();
+  GKeyFile* file = LoadKeyFile(path);
   bool runs = false;
-  if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr)) {
+  if (file) {
     gchar* exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_EXEC,
                                         nullptr);
     gint argc = 0;
@@ -134,8 +127,8 @@ bool EntryRunsOwnExecutable(const std::string& path) {
     }
     g_strfreev(argv);
     g_free(exec);
+    g_key_file_free(file);
   }
-  g_key_file_free(file);
   return runs;
 }
 

@@ -2,6 +2,7 @@
 // browser, by its desktop entry, and the non-work browser, by a location that needs escapes: its log, launches,
 // deliveries and loops.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -88,6 +89,7 @@ class DispatcherTest : public ::testing::Test {
              {Home("bin/wrapper"), "#!/bin/sh\n\"$D\" \"$@\"\n"},     // $D: the dispatcher, which it does not name
              {Home("bin/exec-wrapper"), "#!/bin/sh\nexec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n"}})
       ASSERT_TRUE(WriteFile(path, text, path.ends_with(".desktop") ? 0644 : 0755));
+    ASSERT_EQ(mkfifo(Home("fifo.desktop").c_str(), 0644), 0);  // no writer ever comes
     for (const std::string name : {"com.velora.velorabrowser", "org.example.Personal"}) {
       ASSERT_TRUE(WriteFile(Home("data/dbus-1/services/" + name + ".service"), "[D-BUS Service]\nName=" + name +
                             "\nExec=" CORVANE_RECORDER_BROWSER " --dbus-service " + name + "\n"));
@@ -228,7 +230,8 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
 struct Route {
   const char* name;
   std::string non_work;  // the non-work browser's location; "": none
-  std::string work;      // the work browser entry's program: "": the stand-in, "-": no entry, "dbus": activatable
+  std::string work;      // the work browser entry: "": the stand-in's, "-": none, "dbus": activatable,
+                         // "fifo": a FIFO in the folder looked at first, else bin/<work> runs
   bool bus;              // a session bus: later dispatchers hand their deliveries to the first
   std::string url;
   Strings lines;         // the launchers' lines of every dispatcher
@@ -243,9 +246,14 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   const Route& r = GetParam();
   if (r.bus && access(kDbusRunSession, X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   WriteLocalState(r.non_work);
-  std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : r.work == "wrapper" ? Home("bin/wrapper") : "";
+  std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : Home("bin/" + r.work);
   std::string entry = r.work == "dbus" ? Entry(Home("Entry/work browser"), true) : Entry(work);
-  ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
+  if (r.work == "fifo") {  // in the folder looked at before data/applications
+    ASSERT_TRUE(MakeDirectories(Home(".local/share/applications")));
+    ASSERT_EQ(mkfifo(Home(".local/share/applications/com.velora.velorabrowser.desktop").c_str(), 0644), 0);
+  } else {
+    ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
+  }
   ProcessOptions options = Options();
   options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"},
                       // As if GIO started us from our own entry.
@@ -306,6 +314,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"ActivatableNonWorkWithoutBus", kDbusPersonal, "", false, kOtherUrl, {kFound, kLaunched}, kOther, 1},
         {"UnservedActivatable", "file://$HOME/org.example.Unserved.desktop", "", true, kOtherUrl,
          {kFound, kFirstFailed}, kWork, 1},
+        // No file opened may block: a FIFO is skipped where the work browser's entry is looked for, fails as an entry.
+        {"FifoWorkEntry", "", "fifo", false, kWorkUrl, {kHosted, kLaunched}, kWork, 1},
+        {"FifoNonWorkEntry", "file://$HOME/fifo.desktop", "", false, kOtherUrl, {kFound, kFirstFailed}, kWork, 1},
         // Browsers that would start the dispatcher again, recognised before anything starts.
         {"OwnProgram", "file://" CORVANE_DISPATCHER_BINARY, "", false, kOtherUrl, kRefused, kWork, 1},
         {"LinkToIt", "file://$HOME/bin/linked", "", false, kOtherUrl, kRefused, kWork, 1},
