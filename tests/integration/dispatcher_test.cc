@@ -246,6 +246,9 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   const Route& r = GetParam();
   if (r.bus && access(kDbusRunSession, X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   WriteLocalState(r.non_work);
+  std::error_code error;
+  for (const char* copy : {"bin/copyA", "bin/copyB"})  // copies, not links
+    ASSERT_TRUE(r.work != "copyA" || std::filesystem::copy_file(CORVANE_DISPATCHER_BINARY, Home(copy), error));
   std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : Home("bin/" + r.work);
   std::string entry = r.work == "dbus" ? Entry(Home("Entry/work browser"), true) : Entry(work);
   if (r.work == "fifo") {  // in the folder looked at before data/applications
@@ -330,6 +333,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"WrapperWithBus", "file://$HOME/bin/wrapper", "", true, kOtherUrl, kWrapped, kWork, 1},
         {"WorkEntryWrapper", "", "wrapper", false, kWorkUrl, kWorkWrapped, "", 3},
         {"WorkEntryWrapperWithBus", "", "wrapper", true, kWorkUrl, kWorkWrapped, "", 1},
+        // Copies of the dispatcher as both browsers: each honours the other's mark.
+        {"Copies", "file://$HOME/bin/copyB", "copyA", false, kOtherUrl,
+         {kFound, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed}, "", 3},
     }),
     [](const ::testing::TestParamInfo<Route>& info) { return std::string(info.param.name); });
 
