@@ -27,6 +27,10 @@ constexpr char kDesktopEntrySuffix[] = ".desktop";
 // A desktop entry is a few kilobytes; a file of megabytes is taken for none
 // rather than read on every click.
 constexpr size_t kKeyFileReadLimit = 1024 * 1024;
+// How long a browser started over the session bus may take to answer the
+// request to open a URL; the dispatcher then stops waiting, though the
+// browser may still open it.
+constexpr guint kBusAnswerMilliseconds = 3000;
 
 std::optional<std::string> GetEnvironmentVariable(const char* name) {
   const char* value = getenv(name);
@@ -41,12 +45,12 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 
 struct CompletionCall {
   Workspace::Completion completion;
-  bool succeeded;
+  Workspace::Outcome outcome;
 };
 
 gboolean RunCompletion(gpointer data) {
   auto* call = static_cast<CompletionCall*>(data);
-  if (call->completion) call->completion(call->succeeded);
+  if (call->completion) call->completion(call->outcome);
   delete call;
   return G_SOURCE_REMOVE;
 }
@@ -54,8 +58,8 @@ gboolean RunCompletion(gpointer data) {
 // Completions always arrive from the main loop, never from inside OpenUrl,
 // so a caller never sees its own completion before OpenUrl has returned.
 void CompleteLater(Workspace::Completion completion, bool succeeded) {
-  g_idle_add_full(G_PRIORITY_DEFAULT, RunCompletion,
-                  new CompletionCall{std::move(completion), succeeded}, nullptr);
+  Workspace::Outcome outcome = succeeded ? Workspace::Outcome::kStarted : Workspace::Outcome::kFailed;
+  g_idle_add_full(G_PRIORITY_DEFAULT, RunCompletion, new CompletionCall{std::move(completion), outcome}, nullptr);
 }
 
 // Whether GIO starts the entry over the session bus (org.freedesktop.Application)
@@ -140,18 +144,33 @@ struct DesktopLaunch {
   Workspace::Completion completion;
   // The one-element list handed to GIO, alive until the launch finishes.
   GList uris = {};
+  // Ends the wait for a browser that does not answer.
+  GCancellable* cancellable = g_cancellable_new();
+  guint answer_timeout = 0;
 };
+
+gboolean StopWaitingForAnswer(gpointer data) {
+  auto* launch = static_cast<DesktopLaunch*>(data);
+  launch->answer_timeout = 0;
+  g_cancellable_cancel(launch->cancellable);
+  return G_SOURCE_REMOVE;
+}
 
 void OnDesktopLaunchFinished(GObject* source, GAsyncResult* result, gpointer data) {
   auto* launch = static_cast<DesktopLaunch*>(data);
   GError* error = nullptr;
   g_app_info_launch_uris_finish(G_APP_INFO(source), result, &error);
-  bool succeeded = error == nullptr;
+  Workspace::Outcome outcome = Workspace::Outcome::kStarted;
   if (error) {
+    // Only the timeout cancels, once the request has gone out to the browser.
+    outcome = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) ? Workspace::Outcome::kNoAnswerYet
+                                                                       : Workspace::Outcome::kFailed;
     g_debug("Could not start the desktop entry: %s", error->message);
     g_error_free(error);
   }
-  if (launch->completion) launch->completion(succeeded);
+  if (launch->answer_timeout) g_source_remove(launch->answer_timeout);
+  g_object_unref(launch->cancellable);
+  if (launch->completion) launch->completion(outcome);
   delete launch;
 }
 
@@ -385,10 +404,13 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
         g_app_launch_context_unsetenv(context, name.c_str());
     }
     if (over_session_bus) {
-      // Only the asynchronous launch waits for the activation's answer.
+      // Only the asynchronous launch waits for the activation's answer, and
+      // only so long: a browser that never answers would hold the
+      // dispatcher for the bus's own timeout.
       auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
       launch->uris.data = launch->url.data();
-      g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
+      launch->answer_timeout = g_timeout_add(kBusAnswerMilliseconds, StopWaitingForAnswer, launch);
+      g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, launch->cancellable,
                                    OnDesktopLaunchFinished, launch);
     } else {
       // GIO's launch as the asynchronous one makes it, except that the

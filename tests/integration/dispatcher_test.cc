@@ -28,6 +28,7 @@ constexpr char kLoop[] =
     "ERROR Started by a dispatcher's browser launch moments ago: not routing again, opening url in work browser.";
 constexpr char kWorkLoop[] =
     "ERROR Started by a dispatcher's work browser launch for a loop: the work browser runs the dispatcher as well.";
+constexpr char kNoAnswer[] = "ERROR The browser did not answer in time; not retrying, it may still open the URL.";
 constexpr char kNoPolicy[] = "ERROR No policy doc URLs found. Re-directing to Corvane.";
 constexpr char kLaunching[] = "INFO Dispatcher Application is launching.";
 constexpr char kTerminated[] = "INFO Terminated Dispatcher Application.";
@@ -44,7 +45,7 @@ Strings Sorted(Strings list) {
 // `launcher`.
 Strings Messages(const std::string& text, bool launcher = false) {
   const Strings kLauncher = {kHosted, kNoneSet,     kFound,        kNotFound, kFirstFailed,
-                             kLaunched, kRetryFailed, kIsDispatcher, kLoop,     kWorkLoop};
+                             kLaunched, kRetryFailed, kIsDispatcher, kLoop,     kWorkLoop, kNoAnswer};
   Strings messages;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
@@ -230,8 +231,8 @@ TEST_F(DispatcherTest, HostileUrlsReachTheirBrowsersByteForByteWithTheirDelivery
 struct Route {
   const char* name;
   std::string non_work;  // the non-work browser's location; "": none
-  std::string work;      // the work browser entry: "": the stand-in's, "-": none, "dbus": activatable,
-                         // "fifo": a FIFO in the folder looked at first, else bin/<work> runs
+  std::string work;      // the work browser entry: "": the stand-in's, "-": none, "dbus": activatable, "mute": one that
+                         // never answers, "fifo": a FIFO in the folder looked at first, else bin/<work> runs
   bool bus;              // a session bus: later dispatchers hand their deliveries to the first
   std::string url;
   Strings lines;         // the launchers' lines of every dispatcher
@@ -250,7 +251,8 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   for (const char* copy : {"bin/copyA", "bin/copyB"})  // copies, not links
     ASSERT_TRUE(r.work != "copyA" || std::filesystem::copy_file(CORVANE_DISPATCHER_BINARY, Home(copy), error));
   std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : Home("bin/" + r.work);
-  std::string entry = r.work == "dbus" ? Entry(Home("Entry/work browser"), true) : Entry(work);
+  bool activatable = r.work == "dbus" || r.work == "mute";
+  std::string entry = activatable ? Entry(Home("Entry/work browser"), true) : Entry(work);
   if (r.work == "fifo") {  // in the folder looked at before data/applications
     ASSERT_TRUE(MakeDirectories(Home(".local/share/applications")));
     ASSERT_EQ(mkfifo(Home(".local/share/applications/com.velora.velorabrowser.desktop").c_str(), 0644), 0);
@@ -258,6 +260,7 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
     ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
   }
   ProcessOptions options = Options();
+  if (r.work == "mute") options.env["CORVANE_RECORDER_MUTE"] = "1";
   options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"},
                       // As if GIO started us from our own entry.
                       {"GIO_LAUNCHED_DESKTOP_FILE", "/usr/share/applications/com.halvard.corvane.dispatcher.desktop"},
@@ -276,6 +279,7 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   for (BrowserRecord& b : WaitForBrowserRecords(Home("records"), !r.browser.empty())) {
     auto env = [&b](const char* name) { return b.env.count(name) ? b.env[name] : std::string("-"); };
     // Over the bus the token arrives in the platform data, which carries one, and nothing else.
+    EXPECT_EQ(b.args.size(), 1u) << "asked more than once";
     starts.push_back(b.name + ": " + b.args.at(0) + " | " + env("DESKTOP_STARTUP_ID") + " " +
                      env("XDG_ACTIVATION_TOKEN") + " " + env("GIO_USE_VFS"));
     // GIO names the entry it starts and the process that became; ours are not passed on. A browser started directly
@@ -317,6 +321,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"ActivatableNonWorkWithoutBus", kDbusPersonal, "", false, kOtherUrl, {kFound, kLaunched}, kOther, 1},
         {"UnservedActivatable", "file://$HOME/org.example.Unserved.desktop", "", true, kOtherUrl,
          {kFound, kFirstFailed}, kWork, 1},
+        // One that takes the URL and never answers is waited for briefly, and not asked again: it may still open it.
+        {"MuteWorkBrowser", "", "mute", true, kWorkUrl, {kHosted, kNoAnswer}, "com.velora.velorabrowser", 1},
         // No file opened may block: a FIFO is skipped where the work browser's entry is looked for, fails as an entry.
         {"FifoWorkEntry", "", "fifo", false, kWorkUrl, {kHosted, kLaunched}, kWork, 1},
         {"FifoNonWorkEntry", "file://$HOME/fifo.desktop", "", false, kOtherUrl, {kFound, kFirstFailed}, kWork, 1},

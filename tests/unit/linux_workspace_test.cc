@@ -187,7 +187,7 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
   for (const auto& [application, succeeds] : cases) {
     SCOPED_TRACE(application.value_or("(none)"));
     std::optional<bool> result;
-    workspace.OpenUrl("https://example.com/", application, [&](bool succeeded) { result = succeeded; });
+    workspace.OpenUrl("https://example.com/", application, [&](auto o) { result = o == Workspace::Outcome::kStarted; });
     EXPECT_FALSE(result);
     ASSERT_TRUE(RunMainLoopUntil([&] { return result.has_value(); }));
     EXPECT_EQ(*result, succeeds);
@@ -202,9 +202,11 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveFromTheMainLoopAndStartedBrowser
 
   // A retry started from inside a completion, as the delegate does.
   std::vector<bool> results;
-  workspace.OpenUrl("https://example.com/", "file://" + dir.Child("missing"), [&](bool first) {
-    results.push_back(first);
-    workspace.OpenUrl("https://example.com/", "file:///bin/true", [&](bool second) { results.push_back(second); });
+  workspace.OpenUrl("https://example.com/", "file://" + dir.Child("missing"), [&](auto first) {
+    results.push_back(first == Workspace::Outcome::kStarted);
+    workspace.OpenUrl("https://example.com/", "file:///bin/true", [&](auto second) {
+      results.push_back(second == Workspace::Outcome::kStarted);
+    });
   });
   EXPECT_TRUE(RunMainLoopUntil([&] { return results.size() == 2; }));
   EXPECT_EQ(results, (std::vector<bool>{false, true}));
