@@ -323,6 +323,8 @@ INSTANTIATE_TEST_SUITE_P(
          {kFound, kFirstFailed}, kWork, 1},
         // One that takes the URL and never answers is waited for briefly, and not asked again: it may still open it.
         {"MuteWorkBrowser", "", "mute", true, kWorkUrl, {kHosted, kNoAnswer}, "com.velora.velorabrowser", 1},
+        {"MuteWorkBrowserInTheRetry", "file://$HOME/readme.txt", "mute", true, kOtherUrl,
+         {kFound, kFirstFailed, kNoAnswer}, "com.velora.velorabrowser", 1},
         // No file opened may block: a FIFO is skipped where the work browser's entry is looked for, fails as an entry.
         {"FifoWorkEntry", "", "fifo", false, kWorkUrl, {kHosted, kLaunched}, kWork, 1},
         {"FifoNonWorkEntry", "file://$HOME/fifo.desktop", "", false, kOtherUrl, {kFound, kFirstFailed}, kWork, 1},
