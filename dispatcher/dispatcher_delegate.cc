@@ -27,12 +27,16 @@ struct Launch {
   std::optional<Url> target_application;
 };
 
+// A browser that took the URL without answering may still open it: another
+// attempt could open it twice.
+constexpr char kNoAnswerYet[] = "The browser did not answer in time; not retrying, it may still open the URL.";
+
 // Hands one attempt to the workspace. An attempt in a work browser that is
 // this dispatcher fails at once instead: it is never retried into itself.
 void Attempt(Workspace& workspace, const Launch& launch, const std::optional<Url>& target,
              bool in_work_browser, Workspace::Completion completion) {
   if (in_work_browser && launch.work_browser_is_dispatcher) {
-    completion(false);
+    completion(Workspace::Outcome::kFailed);
     return;
   }
   workspace.OpenUrl(launch.url, target, std::move(completion));
@@ -89,8 +93,14 @@ void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin, std::func
     std::lock_guard<std::mutex> lock(launch->target_lock);
     first_target = launch->target_application;
   }
-  Attempt(workspace_, *launch, first_target, in_work_browser, [this, launch, completed](bool succeeded) {
-    if (!succeeded) {
+  Attempt(workspace_, *launch, first_target, in_work_browser, [this, launch, completed](Workspace::Outcome outcome) {
+    if (outcome == Workspace::Outcome::kNoAnswerYet) {
+      if (completed) completed();
+      LOG(ERROR) << kNoAnswerYet;
+      lowerLaunchCounter();
+      return;
+    }
+    if (outcome == Workspace::Outcome::kFailed) {
       LOG(ERROR) << "Failed to launch URL, will try to launch URL again in work browser.";
       std::optional<Url> retry_target;
       {
@@ -98,10 +108,11 @@ void AppDelegate::launchBrowser(const Url& url, DeliveryOrigin origin, std::func
         launch->target_application = launch->work_browser;
         retry_target = launch->target_application;
       }
-      Attempt(workspace_, *launch, retry_target, true, [this, completed](bool retry_succeeded) {
+      Attempt(workspace_, *launch, retry_target, true, [this, completed](Workspace::Outcome retry_outcome) {
         if (completed) completed();
         lowerLaunchCounter();
-        if (!retry_succeeded) LOG(ERROR) << "Failed to launch URL in work browser as well.";
+        if (retry_outcome == Workspace::Outcome::kFailed) LOG(ERROR) << "Failed to launch URL in work browser as well.";
+        if (retry_outcome == Workspace::Outcome::kNoAnswerYet) LOG(ERROR) << kNoAnswerYet;
       });
       return;
     }

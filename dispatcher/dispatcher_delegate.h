@@ -36,7 +36,8 @@ class AppDelegate {
   AppDelegate& operator=(const AppDelegate&) = delete;
 
   // Opens one URL in the browser that policy chooses, retrying a failed open
-  // once in the work browser. Returns without waiting for the browser. A URL
+  // once in the work browser (but not one that went unanswered, which may
+  // still succeed). Returns without waiting for the browser. A URL
   // that came through a loop of dispatchers goes to the work browser
   // unrouted, or fails at once when the work browser is what loops.
   // `completed` runs, on any thread, when the URL's last attempt has

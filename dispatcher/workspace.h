@@ -33,9 +33,17 @@ struct Url {
 // location (a file URL), the work browser's found by its identifier.
 class Workspace {
  public:
-  // Called once per open request, on any thread, with whether the browser
-  // could be started; already from inside OpenUrl when that is known there.
-  using Completion = std::function<void(bool succeeded)>;
+  // How an open request ended.
+  enum class Outcome {
+    kStarted,
+    kFailed,
+    // The browser took the request and has not answered within a few
+    // seconds: it may still open the URL, so the request is not repeated.
+    kNoAnswerYet,
+  };
+  // Called once per open request, on any thread; already from inside
+  // OpenUrl when the outcome is known there.
+  using Completion = std::function<void(Outcome outcome)>;
 
   virtual ~Workspace() = default;
 

@@ -47,11 +47,13 @@ bool PathIsReadable(const FilePath& path) {
   return !path.empty() && access(path.value().c_str(), R_OK) == 0;
 }
 
-bool ReadFileToString(const FilePath& path, std::string* contents, size_t max_size) {
+namespace {
+
+bool ReadToString(const FilePath& path, std::string* contents, size_t max_size, bool regular_only) {
   int fd = open(path.value().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat st;
-  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) ||
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode) || (regular_only && !S_ISREG(st.st_mode)) ||
       (st.st_size > 0 && static_cast<uint64_t>(st.st_size) > max_size)) {
     close(fd);
     return false;
@@ -73,6 +75,16 @@ bool ReadFileToString(const FilePath& path, std::string* contents, size_t max_si
   close(fd);
   *contents = std::move(data);
   return true;
+}
+
+}  // namespace
+
+bool ReadFileToString(const FilePath& path, std::string* contents, size_t max_size) {
+  return ReadToString(path, contents, max_size, false);
+}
+
+bool ReadRegularFileToString(const FilePath& path, std::string* contents, size_t max_size) {
+  return ReadToString(path, contents, max_size, true);
 }
 
 }  // namespace base

@@ -44,6 +44,10 @@ bool PathIsReadable(const FilePath& path);
 bool ReadFileToString(const FilePath& path, std::string* contents,
                       size_t max_size = static_cast<size_t>(-1));
 
+// The same for a regular file only: a FIFO, a device or a directory is
+// refused unread.
+bool ReadRegularFileToString(const FilePath& path, std::string* contents, size_t max_size);
+
 // Opens the null device on each of the standard descriptors 0, 1 and 2 that
 // is closed, so that no file opened later (the log) becomes standard output
 // or error and gets what is written there. Called first in main(). False

@@ -8,11 +8,14 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string_view>
 #include <utility>
 
+#include "base/files/file_path.h"
+#include "base/files/file_util.h"
 #include "dispatcher/url.h"
 #include "platform/linux/loop_guard.h"
 
@@ -21,6 +24,13 @@ namespace dispatcher::linux_shell {
 namespace {
 
 constexpr char kDesktopEntrySuffix[] = ".desktop";
+// A desktop entry is a few kilobytes; a file of megabytes is taken for none
+// rather than read on every click.
+constexpr size_t kKeyFileReadLimit = 1024 * 1024;
+// How long a browser started over the session bus may take to answer the
+// request to open a URL; the dispatcher then stops waiting, though the
+// browser may still open it.
+constexpr guint kBusAnswerMilliseconds = 3000;
 
 std::optional<std::string> GetEnvironmentVariable(const char* name) {
   const char* value = getenv(name);
@@ -37,7 +47,7 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 // that URL counts as handed to its browser before the next one is launched,
 // which a later dispatcher waiting on this one learns without delay.
 void Complete(Workspace::Completion completion, bool succeeded) {
-  if (completion) completion(succeeded);
+  if (completion) completion(succeeded ? Workspace::Outcome::kStarted : Workspace::Outcome::kFailed);
 }
 
 // Whether GIO starts the entry over the session bus (org.freedesktop.Application)
@@ -122,18 +132,33 @@ struct DesktopLaunch {
   Workspace::Completion completion;
   // The one-element list handed to GIO, alive until the launch finishes.
   GList uris = {};
+  // Ends the wait for a browser that does not answer.
+  GCancellable* cancellable = g_cancellable_new();
+  guint answer_timeout = 0;
 };
+
+gboolean StopWaitingForAnswer(gpointer data) {
+  auto* launch = static_cast<DesktopLaunch*>(data);
+  launch->answer_timeout = 0;
+  g_cancellable_cancel(launch->cancellable);
+  return G_SOURCE_REMOVE;
+}
 
 void OnDesktopLaunchFinished(GObject* source, GAsyncResult* result, gpointer data) {
   auto* launch = static_cast<DesktopLaunch*>(data);
   GError* error = nullptr;
   g_app_info_launch_uris_finish(G_APP_INFO(source), result, &error);
-  bool succeeded = error == nullptr;
+  Workspace::Outcome outcome = Workspace::Outcome::kStarted;
   if (error) {
+    // Only the timeout cancels, once the request has gone out to the browser.
+    outcome = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) ? Workspace::Outcome::kNoAnswerYet
+                                                                       : Workspace::Outcome::kFailed;
     g_debug("Could not start the desktop entry: %s", error->message);
     g_error_free(error);
   }
-  if (launch->completion) launch->completion(succeeded);
+  if (launch->answer_timeout) g_source_remove(launch->answer_timeout);
+  g_object_unref(launch->cancellable);
+  if (launch->completion) launch->completion(outcome);
   delete launch;
 }
 
@@ -141,15 +166,16 @@ enum class DesktopFileLoad { kUnloadable, kHidden, kVisible };
 
 // Whether GIO would load the desktop file at `path` as an application, and
 // whether it is hidden: the tests of GIO's loader, which skips a file that
-// fails them and goes on to the next folder.
+// fails them and goes on to the next folder. Anything but a regular file is
+// skipped too, where GIO's loader would wait for a FIFO's writer.
 DesktopFileLoad LoadDesktopFile(const char* path) {
-  GKeyFile* file = g_key_file_new();
+  GKeyFile* file = LoadKeyFile(path);
   DesktopFileLoad load = DesktopFileLoad::kUnloadable;
   gchar* start_group = nullptr;
   gchar* type = nullptr;
   gchar* try_exec = nullptr;
   gchar* exec = nullptr;
-  if (g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, nullptr) &&
+  if (file &&
       (start_group = g_key_file_get_start_group(file)) != nullptr &&
       strcmp(start_group, G_KEY_FILE_DESKTOP_GROUP) == 0 &&
       (type = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_TYPE, nullptr)) &&
@@ -168,7 +194,7 @@ DesktopFileLoad LoadDesktopFile(const char* path) {
   g_free(try_exec);
   g_free(type);
   g_free(start_group);
-  g_key_file_free(file);
+  if (file) g_key_file_free(file);
   return load;
 }
 
@@ -219,6 +245,17 @@ int SpawnBrowser(const std::string& path, const std::string& url, gchar** envp) 
 }
 
 }  // namespace
+
+GKeyFile* LoadKeyFile(const std::string& path) {
+  std::string data;
+  GKeyFile* file = g_key_file_new();
+  if (base::ReadRegularFileToString(base::FilePath(path), &data, kKeyFileReadLimit) &&
+      g_key_file_load_from_data(file, data.data(), data.size(), G_KEY_FILE_NONE, nullptr)) {
+    return file;
+  }
+  g_key_file_free(file);
+  return nullptr;
+}
 
 std::optional<std::string> FindDesktopFile(const char* desktop_id) {
   std::vector<const gchar*> data_folders = {g_get_user_data_dir()};
@@ -328,7 +365,12 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
   auto changes = BrowserEnvironmentChanges();
 
   if (EndsWith(*path, kDesktopEntrySuffix)) {
-    GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(path->c_str());
+    // GIO's loader would wait for a writer of a FIFO: only a regular file
+    // gets that far.
+    struct stat st;
+    GDesktopAppInfo* info = stat(path->c_str(), &st) == 0 && S_ISREG(st.st_mode)
+                                ? g_desktop_app_info_new_from_filename(path->c_str())
+                                : nullptr;
     const bool over_session_bus = info && StartsOverSessionBus(info);
     if (!info || (!over_session_bus && !DesktopEntryProgramIsRunnable(info))) {
       if (info) g_object_unref(info);
@@ -350,10 +392,13 @@ void LinuxWorkspace::OpenUrl(const Url& url, const std::optional<Url>& applicati
         g_app_launch_context_unsetenv(context, name.c_str());
     }
     if (over_session_bus) {
-      // Only the asynchronous launch waits for the activation's answer.
+      // Only the asynchronous launch waits for the activation's answer, and
+      // only so long: a browser that never answers would hold the
+      // dispatcher for the bus's own timeout.
       auto* launch = new DesktopLaunch{url.spec, std::move(completion)};
       launch->uris.data = launch->url.data();
-      g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, nullptr,
+      launch->answer_timeout = g_timeout_add(kBusAnswerMilliseconds, StopWaitingForAnswer, launch);
+      g_app_info_launch_uris_async(G_APP_INFO(info), &launch->uris, context, launch->cancellable,
                                    OnDesktopLaunchFinished, launch);
     } else {
       // GIO's launch as the asynchronous one makes it, except that the

@@ -3,6 +3,8 @@
 #ifndef PLATFORM_LINUX_LINUX_WORKSPACE_H_
 #define PLATFORM_LINUX_LINUX_WORKSPACE_H_
 
+#include <glib.h>
+
 #include <mutex>
 #include <optional>
 #include <string>
@@ -27,6 +29,12 @@ struct LaunchEnvironment {
 
 // Reads the environment at process start, before anything changes it.
 LaunchEnvironment CaptureLaunchEnvironment();
+
+// Loads the key file (a desktop entry) at `path` without ever waiting: only
+// a regular file is read, so that a FIFO cannot hold the dispatcher up as it
+// would GLib's own loader. nullptr when it is none or cannot be loaded; else
+// the caller frees it.
+GKeyFile* LoadKeyFile(const std::string& path);
 
 // The desktop entry of the work browser.
 inline constexpr char kWorkBrowserDesktopId[] = "com.velora.velorabrowser.desktop";

@@ -1,6 +1,5 @@
 #include "platform/linux/loop_guard.h"
 
-#include <fcntl.h>
 #include <glib.h>
 #include <limits.h>
 #include <stdio.h>
@@ -11,14 +10,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
+
+#include "base/files/file_path.h"
+#include "base/files/file_util.h"
+#include "platform/linux/linux_workspace.h"
 
 namespace dispatcher::linux_shell {
 
 namespace {
 
 constexpr std::string_view kDesktopEntrySuffix = ".desktop";
-// Wrapper scripts are short; a longer file is read no further than this.
+// Wrapper scripts are short; a longer file is taken for none and not read.
 constexpr size_t kScriptReadLimit = 64 * 1024;
 // Depths beyond this mean the same: the loop runs through the work browser.
 constexpr int kDepthLimit = 8;
@@ -90,19 +94,9 @@ bool TextNamesOwnExecutable(std::string_view text) {
 // A script ("#!" first) that names our executable anywhere, its interpreter
 // line included.
 bool ScriptRunsOwnExecutable(const std::string& path) {
-  // Non-blocking, so that a FIFO cannot hold the dispatcher up.
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
-  struct stat st;
   std::string text;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 2 &&
-      static_cast<size_t>(st.st_size) <= kScriptReadLimit) {
-    text.resize(static_cast<size_t>(st.st_size));
-    ssize_t got = pread(fd, text.data(), text.size(), 0);
-    text.resize(got > 0 ? static_cast<size_t>(got) : 0);
-  }
-  close(fd);
-  return text.starts_with("#!") && TextNamesOwnExecutable(std::string_view(text).substr(2));
+  return base::ReadRegularFileToString(base::FilePath(path), &text, kScriptReadLimit) && text.starts_with("#!") &&
+         TextNamesOwnExecutable(std::string_view(text).substr(2));
 }
 
 bool ProgramRunsOwnExecutable(const std::string& path) {
@@ -119,9 +113,9 @@ bool EntryRunsOwnExecutable(const std::string& path) {
   free(resolved);
   if (ours) return true;
 
-  GKeyFile* file = g_key_file_new();
+  GKeyFile* file = LoadKeyFile(path);
   bool runs = false;
-  if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr)) {
+  if (file) {
     gchar* exec = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_EXEC,
                                         nullptr);
     gint argc = 0;
@@ -134,8 +128,8 @@ bool EntryRunsOwnExecutable(const std::string& path) {
     }
     g_strfreev(argv);
     g_free(exec);
+    g_key_file_free(file);
   }
-  g_key_file_free(file);
   return runs;
 }
 
@@ -147,13 +141,25 @@ long long BootClockMilliseconds() {
   return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Whether `pid` runs our executable: this process, or another dispatcher.
-bool IsDispatcherProcess(long long pid) {
-  const OwnExecutable& self = Self();
-  struct stat st;
-  std::string executable = "/proc/" + std::to_string(pid) + "/exe";
-  return self.known && stat(executable.c_str(), &st) == 0 && st.st_dev == self.device &&
-         st.st_ino == self.inode;
+// When process `pid` started, in clock ticks after boot (field 22 of
+// /proc/<pid>/stat): with the id it names one process, never a later one
+// that reuses the id. nullopt when no such process runs (a zombie has ended).
+std::optional<unsigned long long> ProcessStartTime(long long pid) {
+  std::string stat;
+  if (!base::ReadRegularFileToString(base::FilePath("/proc/" + std::to_string(pid) + "/stat"), &stat, 4096)) {
+    return std::nullopt;
+  }
+  // The command name, in parentheses, may hold blanks and ")" itself.
+  size_t name_end = stat.rfind(')');
+  char state = 0;
+  unsigned long long start = 0;
+  // After the name: the state (field 3), fields 4 to 21, the start time.
+  constexpr char kFields[] = " %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %llu";
+  if (name_end == std::string::npos || sscanf(stat.c_str() + name_end + 1, kFields, &state, &start) != 2 ||
+      state == 'Z' || state == 'X') {
+    return std::nullopt;
+  }
+  return start;
 }
 
 }  // namespace
@@ -164,23 +170,27 @@ bool PathStartsThisDispatcher(const std::string& path) {
 }
 
 std::string LaunchMarkerNow(int delivery_loop_depth) {
-  return std::to_string(getpid()) + " " + std::to_string(BootClockMilliseconds()) + " " +
-         std::to_string(std::min(delivery_loop_depth, kDepthLimit) + 1);
+  return std::to_string(getpid()) + " " + std::to_string(ProcessStartTime(getpid()).value_or(0)) + " " +
+         std::to_string(BootClockMilliseconds()) + " " + std::to_string(std::min(delivery_loop_depth, kDepthLimit) + 1);
 }
 
 int LaunchLoopDepth(const std::optional<std::string>& marker) {
   if (!marker) return 0;
   long long marker_pid = 0;
+  unsigned long long started = 0;
   long long made = 0;
   int depth = 0;
   char rest = 0;
-  if (sscanf(marker->c_str(), "%lld %lld %d%c", &marker_pid, &made, &depth, &rest) != 3 ||
+  if (sscanf(marker->c_str(), "%lld %llu %lld %d%c", &marker_pid, &started, &made, &depth, &rest) != 4 ||
       marker_pid <= 0 || depth <= 0) {
     return 0;
   }
   long long age = BootClockMilliseconds() - made;
   if (age < 0 || age > kLaunchMarkerFreshMilliseconds) return 0;
-  return IsDispatcherProcess(marker_pid) ? depth : 0;
+  // Only dispatchers make marks, any copy or install of one: the process
+  // that made this one is all that must still run.
+  std::optional<unsigned long long> running_since = ProcessStartTime(marker_pid);
+  return running_since && *running_since == started ? depth : 0;
 }
 
 }  // namespace dispatcher::linux_shell

@@ -21,9 +21,9 @@ inline constexpr char kDispatcherDesktopId[] = "com.halvard.corvane.dispatcher.d
 bool PathStartsThisDispatcher(const std::string& path);
 
 // The variable that marks a browser's environment, and its value for a
-// browser started now: "<pid of this dispatcher> <boot-clock milliseconds>
-// <depth>", the depth being one more than the loop depth of the delivery the
-// launch is for.
+// browser started now: "<pid of this dispatcher> <its start time in clock
+// ticks after boot> <boot-clock milliseconds> <depth>", the depth being one
+// more than the loop depth of the delivery the launch is for.
 inline constexpr char kLaunchMarkerVariable[] = "CORVANE_DISPATCHER_LAUNCHED_BY";
 std::string LaunchMarkerNow(int delivery_loop_depth);
 
@@ -34,11 +34,13 @@ inline constexpr long long kLaunchMarkerFreshMilliseconds = 10000;
 // delivery that no dispatcher's launch started moments ago, else the depth
 // in the mark (1: through a launch made for a direct delivery; 2 and more:
 // through one made for a delivery that was itself in a loop). A mark counts
-// while it is at most kLaunchMarkerFreshMilliseconds old and the dispatcher
-// that made it still runs: this process, for a delivery forwarded to it, or
-// another one, however far up (desktop launches detach their children). A
-// browser that inherited the mark and opens a link later finds it stale or
-// its dispatcher gone, and the link is routed normally.
+// while it is at most kLaunchMarkerFreshMilliseconds old and the process
+// that made it still runs, known by its id and start time: this process, for
+// a delivery forwarded to it, or another dispatcher, however far up (desktop
+// launches detach their children) and whatever copy or install of the
+// dispatcher it runs. A browser that inherited the mark and opens a link
+// later finds it stale or its dispatcher gone, and the link is routed
+// normally.
 int LaunchLoopDepth(const std::optional<std::string>& marker);
 
 }  // namespace dispatcher::linux_shell

@@ -27,7 +27,7 @@ NSURL* NSURLFromUrl(const Url& url) {
 // workspace reports its own: later, on a thread of its own.
 void ReportFailureLater(Workspace::Completion completion) {
   dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), ^{
-    completion(false);
+    completion(Workspace::Outcome::kFailed);
   });
 }
 
@@ -123,7 +123,7 @@ void MacWorkspace::OpenUrl(const Url& url, const std::optional<Url>& application
                          withApplicationAtURL:app
                                 configuration:configuration
                             completionHandler:^(NSRunningApplication*, NSError* error) {
-                              done(error == nil);
+                              done(error == nil ? Workspace::Outcome::kStarted : Workspace::Outcome::kFailed);
                             }];
     }
   } else {

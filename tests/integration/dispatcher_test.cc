@@ -2,6 +2,7 @@
 // browser, by its desktop entry, and the non-work browser, by a location that needs escapes: its log, launches,
 // deliveries and loops.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +29,7 @@ constexpr char kLoop[] =
     "ERROR Started by a dispatcher's browser launch moments ago: not routing again, opening url in work browser.";
 constexpr char kWorkLoop[] =
     "ERROR Started by a dispatcher's work browser launch for a loop: the work browser runs the dispatcher as well.";
+constexpr char kNoAnswer[] = "ERROR The browser did not answer in time; not retrying, it may still open the URL.";
 constexpr char kNoPolicy[] = "ERROR No policy doc URLs found. Re-directing to Corvane.";
 constexpr char kLaunching[] = "INFO Dispatcher Application is launching.";
 constexpr char kTerminated[] = "INFO Terminated Dispatcher Application.";
@@ -44,7 +46,7 @@ Strings Sorted(Strings list) {
 // `launcher`.
 Strings Messages(const std::string& text, bool launcher = false) {
   const Strings kLauncher = {kHosted, kNoneSet,     kFound,        kNotFound, kFirstFailed,
-                             kLaunched, kRetryFailed, kIsDispatcher, kLoop,     kWorkLoop};
+                             kLaunched, kRetryFailed, kIsDispatcher, kLoop,     kWorkLoop, kNoAnswer};
   Strings messages;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
@@ -89,6 +91,7 @@ class DispatcherTest : public ::testing::Test {
              {Home("bin/wrapper"), "#!/bin/sh\n\"$D\" \"$@\"\n"},     // $D: the dispatcher, which it does not name
              {Home("bin/exec-wrapper"), "#!/bin/sh\nexec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n"}})
       ASSERT_TRUE(WriteFile(path, text, path.ends_with(".desktop") ? 0644 : 0755));
+    ASSERT_EQ(mkfifo(Home("fifo.desktop").c_str(), 0644), 0);  // no writer ever comes
     for (const std::string name : {"com.velora.velorabrowser", "org.example.Personal"}) {
       ASSERT_TRUE(WriteFile(Home("data/dbus-1/services/" + name + ".service"), "[D-BUS Service]\nName=" + name +
                             "\nExec=" CORVANE_RECORDER_BROWSER " --dbus-service " + name + "\n"));
@@ -327,7 +330,8 @@ TEST_F(DispatcherTest, ADeliveryTheRunningOneDoesNotSeeThroughIsHandledByItsSend
 struct Route {
   const char* name;
   std::string non_work;  // the non-work browser's location; "": none
-  std::string work;      // the work browser entry's program: "": the stand-in, "-": no entry, "dbus": activatable
+  std::string work;      // the work browser entry: "": the stand-in's, "-": none, "dbus": activatable, "mute": one that
+                         // never answers, "fifo": a FIFO in the folder looked at first, else bin/<work> runs
   bool bus;              // a session bus: later dispatchers hand their deliveries to the first
   std::string url;
   Strings lines;         // the launchers' lines of every dispatcher
@@ -342,10 +346,20 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   const Route& r = GetParam();
   if (r.bus && access(kDbusRunSession, X_OK) != 0) GTEST_SKIP() << "needs dbus-run-session";
   WriteLocalState(r.non_work);
-  std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : r.work == "wrapper" ? Home("bin/wrapper") : "";
-  std::string entry = r.work == "dbus" ? Entry(Home("Entry/work browser"), true) : Entry(work);
-  ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
+  std::error_code error;
+  for (const char* copy : {"bin/copyA", "bin/copyB"})  // copies, not links
+    ASSERT_TRUE(r.work != "copyA" || std::filesystem::copy_file(CORVANE_DISPATCHER_BINARY, Home(copy), error));
+  std::string work = r.work == "$D" ? CORVANE_DISPATCHER_BINARY : Home("bin/" + r.work);
+  bool activatable = r.work == "dbus" || r.work == "mute";
+  std::string entry = activatable ? Entry(Home("Entry/work browser"), true) : Entry(work);
+  if (r.work == "fifo") {  // in the folder looked at before data/applications
+    ASSERT_TRUE(MakeDirectories(Home(".local/share/applications")));
+    ASSERT_EQ(mkfifo(Home(".local/share/applications/com.velora.velorabrowser.desktop").c_str(), 0644), 0);
+  } else {
+    ASSERT_TRUE(r.work == "-" ? unlink(work_entry_.c_str()) == 0 : r.work.empty() || WriteFile(work_entry_, entry));
+  }
   ProcessOptions options = Options();
+  if (r.work == "mute") options.env["CORVANE_RECORDER_MUTE"] = "1";
   options.env.insert({{"XDG_ACTIVATION_TOKEN", "token-1"}, {"DESKTOP_STARTUP_ID", "startup-2"},
                       // As if GIO started us from our own entry.
                       {"GIO_LAUNCHED_DESKTOP_FILE", "/usr/share/applications/com.halvard.corvane.dispatcher.desktop"},
@@ -364,6 +378,7 @@ TEST_P(RouteTest, TheUrlReachesItsBrowserWithTheLauncherLinesAndTheTokenAndEvery
   for (BrowserRecord& b : WaitForBrowserRecords(Home("records"), !r.browser.empty())) {
     auto env = [&b](const char* name) { return b.env.count(name) ? b.env[name] : std::string("-"); };
     // Over the bus the token arrives in the platform data, which carries one, and nothing else.
+    EXPECT_EQ(b.args.size(), 1u) << "asked more than once";
     starts.push_back(b.name + ": " + b.args.at(0) + " | " + env("DESKTOP_STARTUP_ID") + " " +
                      env("XDG_ACTIVATION_TOKEN") + " " + env("GIO_USE_VFS"));
     // GIO names the entry it starts and the process that became; ours are not passed on. A browser started directly
@@ -405,6 +420,13 @@ INSTANTIATE_TEST_SUITE_P(
         {"ActivatableNonWorkWithoutBus", kDbusPersonal, "", false, kOtherUrl, {kFound, kLaunched}, kOther, 1},
         {"UnservedActivatable", "file://$HOME/org.example.Unserved.desktop", "", true, kOtherUrl,
          {kFound, kFirstFailed}, kWork, 1},
+        // One that takes the URL and never answers is waited for briefly, and not asked again: it may still open it.
+        {"MuteWorkBrowser", "", "mute", true, kWorkUrl, {kHosted, kNoAnswer}, "com.velora.velorabrowser", 1},
+        {"MuteWorkBrowserInTheRetry", "file://$HOME/readme.txt", "mute", true, kOtherUrl,
+         {kFound, kFirstFailed, kNoAnswer}, "com.velora.velorabrowser", 1},
+        // No file opened may block: a FIFO is skipped where the work browser's entry is looked for, fails as an entry.
+        {"FifoWorkEntry", "", "fifo", false, kWorkUrl, {kHosted, kLaunched}, kWork, 1},
+        {"FifoNonWorkEntry", "file://$HOME/fifo.desktop", "", false, kOtherUrl, {kFound, kFirstFailed}, kWork, 1},
         // Browsers that would start the dispatcher again, recognised before anything starts.
         {"OwnProgram", "file://" CORVANE_DISPATCHER_BINARY, "", false, kOtherUrl, kRefused, kWork, 1},
         {"LinkToIt", "file://$HOME/bin/linked", "", false, kOtherUrl, kRefused, kWork, 1},
@@ -418,6 +440,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"WrapperWithBus", "file://$HOME/bin/wrapper", "", true, kOtherUrl, kWrapped, kWork, 1},
         {"WorkEntryWrapper", "", "wrapper", false, kWorkUrl, kWorkWrapped, "", 3},
         {"WorkEntryWrapperWithBus", "", "wrapper", true, kWorkUrl, kWorkWrapped, "", 1},
+        // Copies of the dispatcher as both browsers: each honours the other's mark.
+        {"Copies", "file://$HOME/bin/copyB", "copyA", false, kOtherUrl,
+         {kFound, kLaunched, kLoop, kLaunched, kWorkLoop, kFirstFailed, kRetryFailed}, "", 3},
     }),
     [](const ::testing::TestParamInfo<Route>& info) { return std::string(info.param.name); });
 

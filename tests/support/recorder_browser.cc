@@ -1,6 +1,7 @@
 // A stand-in browser: each run leaves $CORVANE_RECORDER_DIR/<name it was started as>-<pid>.rec (browser_record.h).
 // Started as "--dbus-service NAME" it is a D-Bus-activatable application: it takes NAME on the session bus and records
-// the first Open call as a run named NAME, with the URIs as arguments and the platform data's tokens as variables.
+// the first Open call as a run named NAME, with the URIs as arguments and the platform data's tokens as variables. With
+// CORVANE_RECORDER_MUTE set it never answers, keeps serving and records the URIs of every Open call.
 #include <dirent.h>
 #include <gio/gio.h>
 #include <stdlib.h>
@@ -42,7 +43,8 @@ void OnMethodCall(GDBusConnection*, const char*, const char*, const char*, const
     g_variant_unref(uris);
     g_variant_unref(platform_data);
   }
-  g_dbus_method_invocation_return_value(invocation, nullptr);
+  if (getenv("CORVANE_RECORDER_MUTE")) Save(static_cast<const char*>(name));  // and the call is never returned
+  else g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
 int ServeOnce(const char* name) {
@@ -59,7 +61,7 @@ int ServeOnce(const char* name) {
   g_dbus_connection_register_object(bus, path.c_str(), node->interfaces[0], &vtable, const_cast<char*>(name), nullptr,
                                     nullptr);
   g_bus_own_name_on_connection(bus, name, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr, nullptr);
-  while (g_record.empty()) g_main_context_iteration(nullptr, TRUE);
+  while (g_record.empty() || getenv("CORVANE_RECORDER_MUTE")) g_main_context_iteration(nullptr, TRUE);
   g_dbus_connection_flush_sync(bus, nullptr, nullptr);
   return Save(name);
 }

@@ -68,7 +68,7 @@ class ScriptedWorkspace : public Workspace, public ApplicationShell {
       ++running_;
       std::thread([this, done = std::move(done), ok = succeeded, delay = ++released_ * 7919 % 2000] {
         std::this_thread::sleep_for(std::chrono::microseconds(delay));
-        done(ok);
+        done(ok ? Outcome::kStarted : Outcome::kFailed);
         --running_;
       }).detach();
     }

@@ -5,6 +5,7 @@
 
 #include <glib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -123,21 +124,41 @@ TEST(LinuxWorkspaceTest, WorkBrowserEntryIsTheOneGioFindsByItsId) {
 }
 
 // The mark of a dispatcher's launch counts only while it is fresh and its dispatcher (here: this test program, which
-// stands in for one) still runs; any other mark is a later, legitimate delivery.
+// stands in for one) still runs: the process of that id and start time. Any other mark is a later, legitimate delivery.
 TEST(LinuxWorkspaceTest, LaunchMarksCountWhileFreshAndTheirDispatcherRuns) {
   struct timespec now;
   clock_gettime(CLOCK_BOOTTIME, &now);
   long long ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-  auto mark = [](long long pid, long long at, const std::string& depth) {
-    return std::to_string(pid) + " " + std::to_string(at) + " " + depth;
+  unsigned long long started = 0;  // this process's start, as its own mark gives it
+  ASSERT_EQ(sscanf(LaunchMarkerNow(0).c_str(), "%*d %llu", &started), 1);
+  auto mark = [&](long long pid, long long at, const std::string& depth, unsigned long long start_offset = 0) {
+    return std::to_string(pid) + " " + std::to_string(started + start_offset) + " " + std::to_string(at) + " " + depth;
   };
   const std::vector<std::pair<std::optional<std::string>, int>> cases = {
       {LaunchMarkerNow(0), 1}, {LaunchMarkerNow(1), 2}, {LaunchMarkerNow(99), 9}, {mark(getpid(), ms - 9000, "1"), 1},
       {mark(getpid(), ms - 11000, "1"), 0}, {mark(getpid(), ms + 2000, "1"), 0},  // stale, or from the future
-      {mark(getppid(), ms, "1"), 0}, {mark(1, ms, "1"), 0}, {mark(999999999, ms, "1"), 0},  // not a dispatcher
-      {std::nullopt, 0}, {"", 0}, {mark(getpid(), ms, "0"), 0}, {mark(getpid(), ms, "1 x"), 0}, {"1 2", 0},
+      // Gone: another process has its id now, or none has.
+      {mark(getpid(), ms, "1", 1), 0}, {mark(1, ms, "1"), 0}, {mark(999999999, ms, "1"), 0},
+      {std::nullopt, 0}, {"", 0}, {mark(getpid(), ms, "0"), 0}, {mark(getpid(), ms, "1 x"), 0}, {"1 2 3", 0},
   };
   for (const auto& [marker, depth] : cases) EXPECT_EQ(LaunchLoopDepth(marker), depth) << marker.value_or("(none)");
+
+  // A dispatcher that has ended is gone before its parent reaps it.
+  int pipe_fds[2];
+  ASSERT_EQ(pipe(pipe_fds), 0);
+  pid_t child = fork();
+  if (child == 0) {
+    std::string own = LaunchMarkerNow(0);
+    _exit(write(pipe_fds[1], own.data(), own.size()) == static_cast<ssize_t>(own.size()) ? 0 : 1);
+  }
+  char own[128] = {};
+  close(pipe_fds[1]);
+  EXPECT_GT(read(pipe_fds[0], own, sizeof(own) - 1), 0);
+  close(pipe_fds[0]);
+  siginfo_t ended;
+  ASSERT_EQ(waitid(P_PID, child, &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(LaunchLoopDepth(std::string(own)), 0) << own;
+  waitpid(child, nullptr, 0);
 }
 
 template <typename Condition>
@@ -166,7 +187,7 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveBeforeOpenUrlReturnsAndStartedBr
   for (const auto& [application, succeeds] : cases) {
     SCOPED_TRACE(application.value_or("(none)"));
     std::optional<bool> result;
-    workspace.OpenUrl("https://example.com/", application, [&](bool succeeded) { result = succeeded; });
+    workspace.OpenUrl("https://example.com/", application, [&](auto o) { result = o == Workspace::Outcome::kStarted; });
     // So a URL counts as handed to its browser before the next one is launched.
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(*result, succeeds);
@@ -181,9 +202,11 @@ TEST(LinuxWorkspaceLaunchTest, CompletionsArriveBeforeOpenUrlReturnsAndStartedBr
 
   // A retry started from inside a completion, as the delegate does.
   std::vector<bool> results;
-  workspace.OpenUrl("https://example.com/", "file://" + dir.Child("missing"), [&](bool first) {
-    results.push_back(first);
-    workspace.OpenUrl("https://example.com/", "file:///bin/true", [&](bool second) { results.push_back(second); });
+  workspace.OpenUrl("https://example.com/", "file://" + dir.Child("missing"), [&](auto first) {
+    results.push_back(first == Workspace::Outcome::kStarted);
+    workspace.OpenUrl("https://example.com/", "file:///bin/true", [&](auto second) {
+      results.push_back(second == Workspace::Outcome::kStarted);
+    });
   });
   EXPECT_EQ(results, (std::vector<bool>{false, true}));
 }
