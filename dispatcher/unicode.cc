@@ -1,6 +1,5 @@
 #include "dispatcher/unicode.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -232,9 +231,7 @@ std::string DecodeDomainLabels(std::string_view domain) {
     size_t dot = domain.find('.', start);
     std::string_view text = domain.substr(start, dot == std::string_view::npos ? dot : dot - start);
     label.clear();
-    // A label that decodes to ASCII alone is not a valid one.
-    if (text.size() > 4 && text.substr(0, 4) == "xn--" && PunycodeDecode(text.substr(4), label) &&
-        std::any_of(label.begin(), label.end(), [](char32_t c) { return c >= 0x80; })) {
+    if (text.size() > 4 && text.substr(0, 4) == "xn--" && PunycodeDecode(text.substr(4), label)) {
       for (char32_t c : label) AppendUtf8(c, result);
     } else {
       result += text;

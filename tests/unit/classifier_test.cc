@@ -82,6 +82,7 @@ TEST_F(ClassifierTest, DecisionsOnTheSubject) {
       {{"[[]::1\\]/*"}, "http://[0:0::1]:8080/x", true},
       // The host in Unicode, and the URL as written, also decide.
       {{"xn--fa-hia.corp.test/*"}, "https://FA\xC3\x9F.corp.test/", true},
+      {{"fa\xC3\x9F.corp.test/*"}, "https://xn--fa-hia.corp.test/", true},
       {{"corp.test./*"}, "https://corp.test./", true}, {{"corp.test[?]x=1/"}, "https://corp.test?x=1", true},
       {{"corp.test/\xC3\xA9/"}, "https://corp.test/\xC3\xA9", true},
       // The URL is lowered as text, the pattern for ASCII only.
@@ -159,6 +160,7 @@ TEST_F(ClassifierTest, MatchingThatGivesUpOrAHostThatCannotBeReadIsAWorkUrlWithO
   // libidn2 refuses symbols that browsers map; no guess either, unless the URL as written matches.
   const std::string coffee = "https://\xE2\x98\x95.corp.test/";
   result = Classify(PolicyRules{Rule({"other.test/*"})}, coffee);
+  EXPECT_TRUE(result.is_work);
   EXPECT_EQ(result.reason, ClassificationReason::kHostUnreadable);
   EXPECT_EQ(log_.lines(), (std::vector<Line>{Info("Pattern : other.test/*"),
                                               Error("Could not read the URL's host as a browser would, "

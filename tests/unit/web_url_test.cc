@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "dispatcher/classifier.h"
+#include "dispatcher/unicode.h"
 
 namespace dispatcher {
 namespace {
@@ -19,6 +21,17 @@ namespace {
 Classification Classify(const std::string& url) {
   PolicyRule rule{true, {{true, "*.corp.test/*"}, {true, "corp.test/*"}, {true, "10.1.2.3/*"}}};
   return ClassifyUrl(PolicyRules{rule}, url, InvalidPatternHandling::kReport);
+}
+
+// The core's Punycode (the macOS mapping's, and the decoder of hosts for
+// patterns in Unicode) agrees with libidn2.
+TEST(WebUrlTest, PunycodeAgreesWithTheLibrary) {
+  for (const char* label : {"faß", "日本語.bücher", "3年b組金八先生", "почемужеонинеговорятпорусски"}) {
+    std::optional<std::string> ascii = internal::PlatformDomainToAscii(label);
+    ASSERT_TRUE(ascii) << label;
+    EXPECT_EQ(EncodeMappedDomain(label), ascii);
+    EXPECT_EQ(DecodeDomainLabels(*ascii), label);
+  }
 }
 
 // The table in web_url_readings.txt: each spelling is read as Node reads it,
