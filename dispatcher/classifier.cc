@@ -133,10 +133,11 @@ Classification UrlClassifier::Classify(std::string_view url,
       if (web.is_input()) written = read;
       read.erase(--host.end, 1);
     }
-    // A host with "xn--" labels may be named in Unicode by a pattern.
+    // A host with "xn--" labels may be named in Unicode by a pattern (no
+    // domain name is longer than this; decoding takes quadratic time).
     std::string_view name = std::string_view(read).substr(host.begin, host.end - host.begin);
     std::string unicode;
-    if (name.find("xn--") != std::string_view::npos) {
+    if (name.size() <= 4096 && name.find("xn--") != std::string_view::npos) {
       unicode = read.substr(0, host.begin) + DecodeDomainLabels(name) + read.substr(host.end);
     }
     candidates.Add(std::move(read));

@@ -434,8 +434,10 @@ std::string SerializeIpv6(const uint16_t (&address)[8]) {
 
 // Labels that are not ASCII go to the platform one at a time: ASCII labels
 // need only lower-casing, and the platform's checks of a whole domain (its
-// length, hyphens in ASCII labels) are stricter than browsers are.
-constexpr size_t kMaxMappedLabel = 1024;
+// length, hyphens in ASCII labels) are stricter than browsers are. Mapping
+// and Punycode take time quadratic in a label's length; a domain name has at
+// most 253 bytes in ASCII, so a longer text to map is not read.
+constexpr size_t kMaxMappedDomain = 4096;
 
 WebUrlStatus DomainToAscii(std::string_view domain, std::string* ascii) {
   for (size_t i = 0; i < domain.size();) {
@@ -457,7 +459,7 @@ WebUrlStatus DomainToAscii(std::string_view domain, std::string* ascii) {
       for (char c : label) *ascii += AsciiLower(c);
     } else {
       std::optional<std::string> mapped;
-      if (label.size() <= kMaxMappedLabel) mapped = internal::PlatformDomainToAscii(label);
+      if (domain.size() <= kMaxMappedDomain) mapped = internal::PlatformDomainToAscii(label);
       if (!mapped) return WebUrlStatus::kHostUnreadable;
       for (char c : *mapped) {
         if (static_cast<uint8_t>(c) >= 0x80 || (ClassOf(c) & kForbiddenInDomain)) return WebUrlStatus::kRejected;
