@@ -147,6 +147,20 @@ void BM_ClassifyOperatorPatterns(benchmark::State& state) {
 }
 BENCHMARK(BM_ClassifyOperatorPatterns)->Arg(100)->Arg(10000)->Arg(2000000)->Unit(benchmark::kMicrosecond);
 
+// A URL that browsers read otherwise than it is written (backslashes for
+// slashes, a tab in the host): its reading is written out, and the patterns
+// are matched against two subjects, the reading and the URL as written.
+void BM_ClassifyRespelledUrl(benchmark::State& state) {
+  int64_t size = state.range(0);
+  std::string url = UrlOfSize(size);
+  for (char& c : url) c = c == '/' ? '\\' : c;
+  url.insert(12, "\t");
+  Classify(state, OneRule(PlainPatterns(10)), url);
+  state.SetBytesProcessed(state.iterations() * size);
+  state.SetLabel("10 plain patterns, URL " + SizeName(size) + " with backslashes and a tab");
+}
+BENCHMARK(BM_ClassifyRespelledUrl)->Arg(100)->Arg(10000)->Arg(2000000)->Unit(benchmark::kMicrosecond);
+
 // `explain` with one URL: a fresh classifier, so each pattern is checked
 // (and compiled, where it needs the expression library) before it is
 // matched. Against a policy of one plain pattern, for the difference.

@@ -575,7 +575,8 @@ WebUrl ParseWebUrl(std::string_view input) {
   if (colon == n || source[colon] != ':') return url;
   std::string_view scheme;
   uint32_t default_port = 0;
-  for (std::string_view web : {"http", "https", "ws", "wss"}) {
+  using namespace std::string_view_literals;
+  for (std::string_view web : {"http"sv, "https"sv, "ws"sv, "wss"sv}) {
     if (EqualsIgnoringAsciiCase(source.substr(0, colon), web)) {
       scheme = web;
       default_port = web == "http" || web == "ws" ? 80 : 443;
