@@ -26,11 +26,18 @@ bool IsWebScheme(std::string_view scheme) {
 constexpr std::string_view kCatchAllPattern = "*/*";
 
 // The URL without scheme and port, lower-cased, without its leading "//" and
-// ending in "/"; nullopt when nothing is left behind the scheme.
-std::optional<std::string> SubjectOf(std::string_view url) {
+// ending in "/"; nullopt when nothing is left behind the scheme. A browser's
+// reading is ASCII, which needs no look for other text.
+std::optional<std::string> SubjectOf(std::string_view url, bool ascii) {
   std::optional<std::string> rest = UrlWithoutSchemeAndPort(url);
   if (!rest || rest->empty()) return std::nullopt;
-  std::string subject = LowercaseUrlText(*rest);
+  std::string subject;
+  if (ascii) {
+    subject = std::move(*rest);
+    LowerAsciiInPlace(subject);
+  } else {
+    subject = LowercaseUrlText(*rest);
+  }
   if (subject.size() >= 3 && subject[0] == '/' && subject[1] == '/') subject.erase(0, 2);
   if (subject.empty() || subject.back() != '/') subject += '/';
   return subject;
@@ -127,7 +134,7 @@ Classification UrlClassifier::Classify(std::string_view url,
     // The subject of the browser's reading is built as from the URL as
     // written: for a canonical URL (the common case) it is the same string.
     HostInSubject host = FindHost(web);
-    std::string read = *SubjectOf(web.is_input() ? url : web.text());
+    std::string read = *SubjectOf(web.is_input() ? url : web.text(), true);
     std::string written;
     if (host.trailing_dot) {
       if (web.is_input()) written = read;
@@ -156,7 +163,7 @@ Classification UrlClassifier::Classify(std::string_view url,
       return result;
     }
     std::optional<std::string> written;
-    if (written_web) written = SubjectOf(url);
+    if (written_web) written = SubjectOf(url, false);
     if (written_web && !written) {
       if (invalid_patterns == InvalidPatternHandling::kReport) {
         result.reason = ClassificationReason::kSchemeOnly;
