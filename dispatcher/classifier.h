@@ -19,6 +19,8 @@ enum class ClassificationReason {
   kNoMatch,         // no pattern matched: non-work
   kInvalidPattern,  // only with InvalidPatternHandling::kReport
   kSchemeOnly,      // a web scheme and a colon alone; only with kReport
+  kHostUnreadable,  // no pattern matched, and the host could not be read as a
+                    // browser reads it: work, with its ERROR line
 };
 
 // The dispatcher ends the process on a pattern that is not a valid
@@ -29,9 +31,13 @@ enum class InvalidPatternHandling { kAbort, kReport };
 struct Classification {
   bool is_work = true;
   ClassificationReason reason = ClassificationReason::kNoPolicy;
-  // The normalised string the patterns are matched against (empty for
-  // kNoPolicy and kScheme).
+  // The normalised string the patterns are matched against: the URL as the
+  // browser reads it, or as written when the browser would reject it (empty
+  // for kNoPolicy and kScheme).
   std::string subject;
+  // When the deciding pattern matched another spelling of the subject (its
+  // host in Unicode, or the URL as written): that spelling.
+  std::string matched_subject;
   // The deciding pattern as written in Local State (kMatched,
   // kInvalidPattern).
   std::string pattern;
@@ -43,6 +49,9 @@ struct Classification {
 
 // Classifies URLs against one set of rules, logging as the dispatcher does
 // ("No policy doc URLs found. ..." and one "Pattern : ..." per pattern tried).
+// A web URL is read as the browser reads it (web_url.h); a pattern decides
+// when it matches the subject so read, the same with its host's "xn--"
+// labels in Unicode, or the subject of the URL as written.
 // Each pattern is translated, checked and compiled once, when the first URL
 // reaches it, and kept for later URLs; a pattern behind the first match is
 // not even checked. Ends the process for a URL that is only an allowed scheme

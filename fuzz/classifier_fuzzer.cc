@@ -1,7 +1,9 @@
 // Classification of arbitrary URLs against arbitrary policies: never crashes
 // (report mode stands in for the two designed aborts), logs one
 // "Pattern : " line per pattern tried, and decides as the single-pattern
-// matcher does.
+// matcher does on the subjects it reports. The reading of web URLs is stable:
+// the serialisation of a URL reads as itself, without a copy, and as itself
+// when the parser has to copy it.
 //
 // Input: the URL, then patterns, each behind a NUL byte; a pattern that
 // starts with byte 0x01 opens a new rule (the byte is dropped), one that
@@ -17,7 +19,9 @@
 #include "base/logging.h"
 #include "dispatcher/classifier.h"
 #include "dispatcher/url.h"
+#include "dispatcher/unicode.h"
 #include "dispatcher/url_pattern.h"
+#include "dispatcher/web_url.h"
 
 namespace {
 
@@ -80,6 +84,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::optional<std::string> rest = dispatcher::UrlWithoutSchemeAndPort(url);
   if (rest && rest->size() > url.size()) Fail("removing scheme and port grew the URL", url);
 
+  const dispatcher::WebUrl web = dispatcher::ParseWebUrl(url);
+  if (web.status() == dispatcher::WebUrlStatus::kParsed) {
+    std::string href = web.Href();
+    dispatcher::WebUrl again = dispatcher::ParseWebUrl(href);
+    if (again.Href() != href || !again.is_input()) Fail("the serialisation does not read as itself", url);
+    // A third slash makes the parser write instead of mirror: the same reading.
+    std::string slashed = href;
+    slashed.insert(href.find(':') + 1, "/");
+    if (dispatcher::ParseWebUrl(slashed).Href() != href) Fail("the serialisation reads otherwise when copied", url);
+    for (char c : href) {
+      if (static_cast<unsigned char>(c) <= 0x20 || static_cast<unsigned char>(c) >= 0x7F) {
+        Fail("the serialisation holds a byte it must not", url);
+      }
+    }
+  }
+
   dispatcher::PolicyRules rules;
   for (size_t i = 1; i < pieces.size(); ++i) {
     std::string_view text = pieces[i];
@@ -94,9 +114,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rules.back().patterns.push_back(pattern);
   }
 
-  bool web = parts.scheme && IsWebScheme(*parts.scheme);
+  // Browsers may see a web URL where the text does not start with a web
+  // scheme (" https:"); a URL they reject is classified as written.
+  bool written_web = parts.scheme && IsWebScheme(*parts.scheme);
+  bool is_web = web.status() != dispatcher::WebUrlStatus::kNotWeb &&
+             (written_web || web.status() != dispatcher::WebUrlStatus::kRejected);
   // Where the dispatcher ends the process by design, the report mode says so.
-  bool scheme_only = web && (!rest || rest->empty());
+  bool scheme_only = written_web && (!rest || rest->empty());
 
   std::vector<std::string> logged;
   g_patterns_logged = &logged;
@@ -113,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (result.reason != Reason::kNoPolicy || !result.is_work) Fail("no policy must be work", url);
     return 0;
   }
-  if (!web) {
+  if (!is_web) {
     if (result.reason != Reason::kScheme || result.is_work || !logged.empty()) {
       Fail("a non-web URL must be non-work without a line", url);
     }
@@ -125,17 +149,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     return 0;
   }
-  const std::string& subject = result.subject;
-  if (subject.empty() || subject.back() != '/') Fail("subject must end in /", url);
+  // The subjects the patterns are matched against: the reported one, the URL
+  // as written, and the one that matched (the host in Unicode, say).
+  std::vector<std::string> subjects;
+  if (!result.subject.empty()) subjects.push_back(result.subject);
+  if (written_web) {
+    std::string written = dispatcher::LowercaseUrlText(*rest);
+    if (written.size() >= 3 && written.compare(0, 2, "//") == 0) written.erase(0, 2);
+    if (written.back() != '/') written += '/';
+    subjects.push_back(written);
+  }
+  if (!result.matched_subject.empty()) subjects.push_back(result.matched_subject);
+  for (const std::string& subject : subjects) {
+    if (subject.back() != '/') Fail("subject must end in /", url);
+  }
+  bool unreadable = web.status() == dispatcher::WebUrlStatus::kHostUnreadable;
+  if (subjects.empty() && !unreadable) Fail("a web URL without a subject", url);
 
   // Replay: every logged pattern but the deciding one must not match.
   std::vector<std::string> expected;
   bool decided = false;
   for (const dispatcher::PolicyRule& rule : rules) {
     for (const dispatcher::PolicyPattern& pattern : rule.patterns) {
-      if (decided || !pattern.is_string || pattern.text == "*/*") continue;
+      if (decided || !pattern.is_string || pattern.text == "*/*" || subjects.empty()) continue;
       expected.push_back(pattern.text);
-      dispatcher::MatchResult match = dispatcher::TryMatchUrlPattern(subject, pattern.text, nullptr);
+      dispatcher::MatchResult match = dispatcher::MatchResult::kNoMatch;
+      for (size_t i = 0; i < subjects.size() && match == dispatcher::MatchResult::kNoMatch; ++i) {
+        match = dispatcher::TryMatchUrlPattern(subjects[i], pattern.text, nullptr);
+      }
       if (match != dispatcher::MatchResult::kNoMatch) {
         decided = true;
         Reason reason = match == dispatcher::MatchResult::kMatch ? Reason::kMatched
@@ -146,8 +187,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
     }
   }
-  if (!decided && (result.reason != Reason::kNoMatch || result.is_work)) {
-    Fail("no pattern matched, yet the URL was classified as work", url);
+  Reason no_match = unreadable ? Reason::kHostUnreadable : Reason::kNoMatch;
+  if (!decided && (result.reason != no_match || result.is_work != unreadable)) {
+    Fail("no pattern matched, yet the URL was classified otherwise", url);
   }
   if (logged != expected) Fail("logged patterns differ from those tried", url);
   return 0;

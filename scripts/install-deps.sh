@@ -3,7 +3,7 @@
 # are missing. Uses sudo only when not root.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libpcre2-dev libsimdjson-dev
+packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libidn2-dev libpcre2-dev libsimdjson-dev
           libgtest-dev libgmock-dev libbenchmark-dev util-linux dbus-daemon
           clang libc++-14-dev libc++abi-14-dev)
 case "${1:-}" in

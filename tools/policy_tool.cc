@@ -58,8 +58,11 @@ constexpr char kExplainUsage[] =
     "                      reason, pattern and subject (and error and offset for\n"
     "                      an invalid pattern); reason is one of 'no policy',\n"
     "                      'scheme', 'matched', 'no match', 'invalid pattern',\n"
-    "                      'scheme only'. Bytes that are not UTF-8 are written\n"
-    "                      as U+FFFD.\n"
+    "                      'scheme only', 'unreadable host'. The subject is the\n"
+    "                      URL as the browser reads it, normalised; when the\n"
+    "                      pattern matched it with the host in Unicode or the\n"
+    "                      URL as written instead, matched_subject shows that.\n"
+    "                      Bytes that are not UTF-8 are written as U+FFFD.\n"
     "  --help              this text\n"
     "\n"
     "Exit status: 0 when every URL was classified, 1 when the dispatcher would end\n"
@@ -234,6 +237,7 @@ struct Explanation {
   std::string reason;
   std::optional<std::string> pattern;
   std::optional<std::string> subject;
+  std::string matched_subject;
   std::optional<std::string> error;
   size_t offset = 0;
 };
@@ -265,6 +269,9 @@ Explanation Explain(dispatcher::UrlClassifier& classifier, const std::string& ur
     case dispatcher::ClassificationReason::kSchemeOnly:
       result.reason = "scheme only";
       break;
+    case dispatcher::ClassificationReason::kHostUnreadable:
+      result.reason = "unreadable host";
+      break;
   }
   if (c.reason == dispatcher::ClassificationReason::kInvalidPattern ||
       c.reason == dispatcher::ClassificationReason::kSchemeOnly) {
@@ -276,6 +283,7 @@ Explanation Explain(dispatcher::UrlClassifier& classifier, const std::string& ur
       c.reason != dispatcher::ClassificationReason::kScheme &&
       c.reason != dispatcher::ClassificationReason::kSchemeOnly) {
     result.subject = c.subject;
+    result.matched_subject = c.matched_subject;
   }
   return result;
 }
@@ -341,6 +349,7 @@ int RunExplain(const Options& options) {
             ",\"reason\":" + JsonString(e.reason) +
             ",\"pattern\":" + (e.pattern ? JsonString(*e.pattern) : "null") +
             ",\"subject\":" + (e.subject ? JsonString(*e.subject) : "null");
+      if (!e.matched_subject.empty()) out += ",\"matched_subject\":" + JsonString(e.matched_subject);
       if (e.error) {
         out += ",\"error\":" + JsonString(*e.error) + ",\"offset\":" + std::to_string(e.offset);
       }

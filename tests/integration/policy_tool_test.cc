@@ -49,12 +49,15 @@ TEST_F(PolicyToolTest, ExplainDecidesInTheDispatchersOrderForArgumentsOrStandard
             "non-work\t-\tmailto:x@corp.test\nnon-work\t-\t-https://a.corp.test/\n");
   r = Run("", {"explain", "--local-state", local_state_}, "https://a.corp.test/\r\n\nhttps://other.test/x");
   EXPECT_EQ(r.out, "work\t*.corp.test/*\thttps://a.corp.test/\nnon-work\t-\thttps://other.test/x\n");
+  // The subject is the URL as browsers read it; a pattern that matched only the URL as written says so.
   r = Run("", {"explain", "--json", "--local-state", local_state_, "https://a.corp.test/\"q\\\t\x01\x7f\xc3\xa9\xff",
-               "mailto:x"});
+               "mailto:x", "https://other.test/app/.."});
   EXPECT_EQ(r.out, R"({"url":"https://a.corp.test/\"q\\\t\u0001\u007f)" "\xc3\xa9" R"(\ufffd","decision":"work",)"
-                   R"("reason":"matched","pattern":"*.corp.test/*","subject":"a.corp.test/\"q\\\t\u0001\u007f)"
-                   "\xc3\xa9" R"(\ufffd/"})" "\n"
-                   R"({"url":"mailto:x","decision":"non-work","reason":"scheme","pattern":null,"subject":null})" "\n");
+                   R"("reason":"matched","pattern":"*.corp.test/*",)"
+                   R"("subject":"a.corp.test/%22q/%01%7f%c3%a9%ef%bf%bd/"})" "\n"
+                   R"({"url":"mailto:x","decision":"non-work","reason":"scheme","pattern":null,"subject":null})" "\n"
+                   R"({"url":"https://other.test/app/..","decision":"work","reason":"matched","pattern":"*/app/*",)"
+                   R"("subject":"other.test/","matched_subject":"other.test/app/../"})" "\n");
 }
 
 TEST_F(PolicyToolTest, WhatWouldEndTheDispatcherIsReportedWithExitOne) {
