@@ -268,19 +268,21 @@ ThreadStream* TakeThreadStream() {
   return &thread_stream;
 }
 
-// Writes all of `line` unless the descriptor fails.
-void WriteAll(int fd, const std::string& line) {
+// Writes all of `line` unless the descriptor fails; returns how much of it
+// was written.
+size_t WriteAll(int fd, const std::string& line) {
   const char* data = line.data();
   size_t left = line.size();
   while (left > 0) {
     ssize_t written = write(fd, data, left);
     if (written < 0) {
       if (errno == EINTR) continue;
-      return;
+      break;
     }
     data += written;
     left -= static_cast<size_t>(written);
   }
+  return line.size() - left;
 }
 
 // A standard error that is a closed pipe must not end the process: the
@@ -304,19 +306,7 @@ void WriteToStderr(const std::string& line, bool may_raise_sigpipe) {
   sigpending(&pending);
   const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
 
-  const char* data = line.data();
-  size_t left = line.size();
-  bool broken_pipe = false;
-  while (left > 0) {
-    ssize_t written = write(STDERR_FILENO, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      broken_pipe = errno == EPIPE;
-      break;
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
+  const bool broken_pipe = WriteAll(STDERR_FILENO, line) < line.size() && errno == EPIPE;
 
   // Only a signal that this write raised is taken, and only once it is
   // pending, so that sigwait returns at once.
@@ -378,19 +368,8 @@ bool OpenLogFileLocked() {
 // file size limit) has left of the line is cut off again, so that the next
 // line, maybe the next run's, does not continue it.
 void AppendLine(int fd, const std::string& line) {
-  const char* data = line.data();
-  size_t left = line.size();
-  while (left > 0) {
-    ssize_t written = write(fd, data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
-  size_t appended = line.size() - left;
-  if (left == 0 || appended == 0) return;
+  size_t appended = WriteAll(fd, line);
+  if (appended == line.size() || appended == 0) return;
   off_t end = lseek(fd, 0, SEEK_CUR);  // just past what was appended
   if (end >= static_cast<off_t>(appended)) (void)!ftruncate(fd, end - static_cast<off_t>(appended));
 }
