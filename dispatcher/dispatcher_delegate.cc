@@ -172,6 +172,17 @@ void AppDelegate::terminateDispatcher() {
   // The poll interval is the single-precision 0.1 widened to double.
   const std::chrono::duration<double> poll_interval(static_cast<double>(0.1f));
   while (launchCounter() != 0) std::this_thread::sleep_for(poll_interval);
+  // The end is decided on the main thread, where a delivery that came after
+  // the last poll has raised the counter again: its URLs are seen through
+  // first.
+  application_.RunOnMainThread([this] { terminateWhenNoLaunchIsOutstanding(); }, std::chrono::milliseconds(0));
+}
+
+void AppDelegate::terminateWhenNoLaunchIsOutstanding() {
+  if (launchCounter() != 0) {
+    application_.RunOnMainThread([this] { terminateWhenNoLaunchIsOutstanding(); }, kTerminationRecheck);
+    return;
+  }
   application_.Terminate();
 }
 

@@ -57,6 +57,10 @@ class AppDelegate {
   // Waits 2 s, then until no launch is outstanding, then terminates. Blocks;
   // never called on the main thread.
   void terminateDispatcher();
+  // On the main thread: terminates once no launch is outstanding, looking
+  // again every kTerminationRecheck.
+  void terminateWhenNoLaunchIsOutstanding();
+  static constexpr std::chrono::milliseconds kTerminationRecheck{100};
   void applicationWillFinishLaunching();
   void applicationWillTerminate();
   // The process is ending on a signal (`signal_name`, "SIGTERM" say) before

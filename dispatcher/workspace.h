@@ -3,6 +3,7 @@
 #ifndef DISPATCHER_WORKSPACE_H_
 #define DISPATCHER_WORKSPACE_H_
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -72,8 +73,12 @@ class ApplicationShell {
  public:
   virtual ~ApplicationShell() = default;
   // Asks the framework to end the application; it then calls
-  // applicationWillTerminate. May be called from any thread.
+  // applicationWillTerminate. Called on the main thread only.
   virtual void Terminate() = 0;
+
+  // Runs `task` on the main thread, where deliveries are handled, once
+  // `delay` has passed; returns at once. May be called from any thread.
+  virtual void RunOnMainThread(std::function<void()> task, std::chrono::milliseconds delay) = 0;
 
   // Runs `task` once on a worker of the system's default-priority background
   // pool and returns at once; the task may block its worker for seconds.

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -33,10 +34,6 @@ using dispatcher::AppDelegate;
 using dispatcher::linux_shell::Delivery;
 using dispatcher::linux_shell::DeliveryBus;
 using dispatcher::linux_shell::LinuxWorkspace;
-
-// How often the main thread looks again when a delivery slipped in between
-// the last poll of the launch counter and the termination.
-constexpr guint kTerminationRecheckMilliseconds = 100;
 
 // The signals that end a session or a terminal's job. Their handler only
 // notes the signal and wakes the main loop, which names what is not done.
@@ -88,12 +85,11 @@ const char* SignalName(int signal_number) {
 
 struct Shell;
 
-// Termination arrives from the worker thread; the quit happens on the main
-// thread, where deliveries are handled too.
 class MainLoopShell : public dispatcher::ApplicationShell {
  public:
   explicit MainLoopShell(Shell* shell) : shell_(shell) {}
   void Terminate() override;
+  void RunOnMainThread(std::function<void()> task, std::chrono::milliseconds delay) override;
 
  private:
   Shell* shell_;
@@ -115,26 +111,22 @@ struct Shell {
   bool quitting = false;
 };
 
-gboolean QuitWhenNoLaunchIsOutstanding(gpointer data) {
-  auto* shell = static_cast<Shell*>(data);
-  // A delivery handled after the last poll has raised the counter again:
-  // its launches must complete before the process may end.
-  if (shell->delegate->launchCounter() != 0) return G_SOURCE_CONTINUE;
+void MainLoopShell::Terminate() {
   // No delivery is taken from here on: a later dispatcher hands its own.
-  shell->quitting = true;
-  shell->bus->StopTaking();
-  g_main_loop_quit(shell->loop);
-  return G_SOURCE_REMOVE;
+  shell_->quitting = true;
+  shell_->bus->StopTaking();
+  g_main_loop_quit(shell_->loop);
 }
 
-gboolean BeginQuit(gpointer data) {
-  if (QuitWhenNoLaunchIsOutstanding(data) == G_SOURCE_CONTINUE) {
-    g_timeout_add(kTerminationRecheckMilliseconds, QuitWhenNoLaunchIsOutstanding, data);
-  }
-  return G_SOURCE_REMOVE;
+void MainLoopShell::RunOnMainThread(std::function<void()> task, std::chrono::milliseconds delay) {
+  g_timeout_add_full(
+      G_PRIORITY_DEFAULT, static_cast<guint>(delay.count()),
+      [](gpointer data) {
+        (*static_cast<std::function<void()>*>(data))();
+        return G_SOURCE_REMOVE;
+      },
+      new std::function<void()>(std::move(task)), [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
-
-void MainLoopShell::Terminate() { g_idle_add(BeginQuit, shell_); }
 
 std::optional<std::string> DeliveryVariable(const Delivery& delivery, const char* name) {
   auto found = delivery.environment.find(name);

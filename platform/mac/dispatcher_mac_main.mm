@@ -3,6 +3,7 @@
 #import <AppKit/AppKit.h>
 #include <dispatch/dispatch.h>
 
+#include <chrono>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -23,20 +24,20 @@ namespace {
 
 dispatcher::AppDelegate* g_delegate;
 
-// How long the main thread waits before it looks again when a delivery
-// slipped in between the termination task's last poll and the hop.
-constexpr int64_t kTerminationRecheckNanoseconds = 100 * NSEC_PER_MSEC;
-
 class NSApplicationShell : public dispatcher::ApplicationShell {
  public:
   explicit NSApplicationShell(CorvaneAppDelegate* sender) : sender_(sender) {}
 
-  // Called on the termination task's thread, but NSApp is main-thread only:
-  // the decision is taken again there, where deliveries are handled too.
-  void Terminate() override {
-    dispatch_async(dispatch_get_main_queue(), ^{
-      TerminateWhenNoLaunchIsOutstanding();
-    });
+  // On the main thread (NSApp is main-thread only). terminate: has the
+  // framework call applicationWillTerminate: and end the process.
+  void Terminate() override { [NSApp terminate:sender_]; }
+
+  void RunOnMainThread(std::function<void()> task, std::chrono::milliseconds delay) override {
+    std::function<void()> run = std::move(task);
+    dispatch_after(dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(delay.count()) * NSEC_PER_MSEC),
+                   dispatch_get_main_queue(), ^{
+                     run();
+                   });
   }
 
   // The system's default-priority global queue.
@@ -47,21 +48,6 @@ class NSApplicationShell : public dispatcher::ApplicationShell {
   }
 
  private:
-  // On the main thread. A delivery handled after the last poll has raised
-  // the counter again: its launches must complete before the process may
-  // end, or its URLs would be lost. terminate: has the framework call
-  // applicationWillTerminate: and end the process.
-  void TerminateWhenNoLaunchIsOutstanding() {
-    if (g_delegate->launchCounter() != 0) {
-      dispatch_after(dispatch_time(DISPATCH_TIME_NOW, kTerminationRecheckNanoseconds),
-                     dispatch_get_main_queue(), ^{
-                       TerminateWhenNoLaunchIsOutstanding();
-                     });
-      return;
-    }
-    [NSApp terminate:sender_];
-  }
-
   CorvaneAppDelegate* sender_;  // strong: the framework holds its delegate weakly
 };
 

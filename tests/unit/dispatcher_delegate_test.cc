@@ -46,6 +46,10 @@ class ScriptedWorkspace : public Workspace, public ApplicationShell {
     terminated_at = Clock::now();
     ++terminations;  // publishes terminated_at
   }
+  void RunOnMainThread(std::function<void()> task, std::chrono::milliseconds delay) override {
+    std::this_thread::sleep_for(delay);
+    task();
+  }
   void Release() {
     std::lock_guard<std::mutex> lock(mutex_);
     hold_ = false;
