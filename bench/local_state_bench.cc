@@ -1,7 +1,10 @@
 // Reading the policy from Local State files: the time per read for files of
 // realistic shape (mostly unrelated browser state, the work URL rules
-// somewhere inside), then the peak memory and time of one read per file
-// shape and size, each in a fresh process.
+// somewhere inside), then, per file shape and size, each in a fresh process,
+// the peak memory and time of one read, and the peak of the whole process
+// once the dispatcher's classifier holds the policy and has classified a URL
+// that is not a web URL (no pattern reached) and a work URL (the first
+// pattern reached).
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -17,6 +20,7 @@
 
 #include "base/files/file_path.h"
 #include "base/logging.h"
+#include "dispatcher/classifier.h"
 #include "dispatcher/local_state.h"
 
 namespace {
@@ -94,6 +98,11 @@ const std::vector<std::pair<const char*, std::function<std::string(size_t)>>> kS
                              "{\"patterns\": [",
                    Pattern, ", ", "]}]}}}");
      }},
+    {"short patterns",
+     [](size_t size) {
+       return Fill(size, "{\"kel_prefs\": {\"policy\": {\"browser_urls\": [{\"patterns\": [",
+                   [](int) { return std::string("\"x*\""); }, ",", "]}]}}}");
+     }},
     {"rules of 1 pattern",
      [](size_t size) {
        return Fill(size, std::string("{") + kBrowser + ", \"kel_prefs\": {\"policy\": {\"browser_urls\": [",
@@ -162,37 +171,62 @@ void BM_ReadLocalStatePolicy(benchmark::State& state) {
 BENCHMARK(BM_ReadLocalStatePolicy)->Arg(10 << 10)->Arg(100 << 10)->Arg(1 << 20)->Arg(5 << 20)->Unit(
     benchmark::kMicrosecond);
 
-// The child's part: one read, then its processor time in microseconds (user
-// and system, as a busy machine stretches the wall clock), the number of
-// rules read and the process's peak resident set in kB on standard output.
-// The peak is the kernel's VmHWM: unlike getrusage's, it starts afresh at
-// exec, without the forking parent's pages.
-int ReadOnce(const char* path) {
-  logging::SetLogMessageHandler(&SwallowLine);
-  timespec start, end;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &start);
-  dispatcher::LocalStatePolicy policy = dispatcher::ReadLocalStatePolicy(base::FilePath(path));
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &end);
-  long long elapsed = (end.tv_sec - start.tv_sec) * 1000000LL + (end.tv_nsec - start.tv_nsec) / 1000;
+long PeakKilobytes() {
   long peak_kb = -1;
   if (FILE* status = fopen("/proc/self/status", "r")) {
     char line[256];
     while (fgets(line, sizeof(line), status)) sscanf(line, "VmHWM: %ld", &peak_kb);
     fclose(status);
   }
-  printf("%lld %zu %ld\n", elapsed, policy.policy_urls ? policy.policy_urls->size() : 0, peak_kb);
-  return policy.status == dispatcher::LocalStateStatus::kParsed && peak_kb > 0 ? 0 : 1;
+  return peak_kb;
+}
+
+long long CpuMicroseconds() {
+  timespec now;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+}
+
+// Every shape's first pattern.
+constexpr char kWorkUrl[] = "https://x.app0.corp.test/";
+
+// The child's part: one read, then the dispatcher's classifier given the
+// policy and two URLs. On standard output: the processor time of the read and
+// of the classifier's part in microseconds (user and system, as a busy
+// machine stretches the wall clock), the number of rules read, and the
+// process's peak resident set in kB after the read and at the end. The peak
+// is the kernel's VmHWM: unlike getrusage's, it starts afresh at exec,
+// without the forking parent's pages.
+int ReadOnce(const char* path) {
+  logging::SetLogMessageHandler(&SwallowLine);
+  long long start = CpuMicroseconds();
+  dispatcher::LocalStatePolicy policy = dispatcher::ReadLocalStatePolicy(base::FilePath(path));
+  long long read = CpuMicroseconds();
+  long read_peak_kb = PeakKilobytes();
+  size_t rules = policy.policy_urls ? policy.policy_urls->size() : 0;
+  dispatcher::UrlClassifier classifier(std::move(policy.policy_urls));
+  // Without a policy every URL is a work URL.
+  bool non_work = !classifier.Classify("mailto:x", dispatcher::InvalidPatternHandling::kAbort).is_work;
+  bool work = classifier.Classify(kWorkUrl, dispatcher::InvalidPatternHandling::kAbort).is_work;
+  bool ok = work && non_work == (rules > 0);
+  long long classified = CpuMicroseconds();
+  long peak_kb = PeakKilobytes();
+  printf("%lld %lld %zu %ld %ld\n", read - start, classified - read, rules, read_peak_kb, peak_kb);
+  return policy.status == dispatcher::LocalStateStatus::kParsed && ok && peak_kb > 0 ? 0 : 1;
 }
 
 struct Measurement {
   bool ok = false;
+  double read_peak_mb = 0;
   double peak_mb = 0;
-  double milliseconds = 0;
+  double read_milliseconds = 0;
+  double classify_milliseconds = 0;
   size_t rules = 0;
 };
 
-// Reads `path` in a fresh run of this program, whose peak resident set then
-// is that of the read alone (plus the program's own).
+// Reads `path` and classifies in a fresh run of this program, whose peak
+// resident set then is that of the dispatcher's work alone (plus the
+// program's own).
 Measurement MeasureRead(const char* self, const std::string& path) {
   Measurement result;
   int out[2];
@@ -206,38 +240,43 @@ Measurement MeasureRead(const char* self, const std::string& path) {
     _exit(127);
   }
   close(out[1]);
-  char text[64] = {};
+  char text[128] = {};
   size_t got = 0;
   for (ssize_t n; got + 1 < sizeof(text) && (n = read(out[0], text + got, sizeof(text) - 1 - got)) > 0;) got += n;
   close(out[0]);
   int status = 0;
   if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
-  long long microseconds = 0;
-  long peak_kb = 0;
+  long long read_us = 0, classify_us = 0;
+  long read_peak_kb = 0, peak_kb = 0;
   result.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
-              sscanf(text, "%lld %zu %ld", &microseconds, &result.rules, &peak_kb) == 3;
+              sscanf(text, "%lld %lld %zu %ld %ld", &read_us, &classify_us, &result.rules, &read_peak_kb, &peak_kb) == 5;
+  result.read_peak_mb = static_cast<double>(read_peak_kb) / 1024;
   result.peak_mb = static_cast<double>(peak_kb) / 1024;
-  result.milliseconds = static_cast<double>(microseconds) / 1000;
+  result.read_milliseconds = static_cast<double>(read_us) / 1000;
+  result.classify_milliseconds = static_cast<double>(classify_us) / 1000;
   return result;
 }
 
 void PrintPeakMemory(const char* self) {
   LocalStateFile empty("{}");
   Measurement base = MeasureRead(self, empty.path());
-  printf("\nPeak memory of one read, in a fresh process (%.1f MB for an empty object)\n", base.peak_mb);
-  printf("%-20s %9s %12s %14s %8s %9s %7s\n", "shape", "file MB", "peak RSS MB", "above empty MB", "x file",
-         "CPU ms", "rules");
+  printf("\nPeak memory in a fresh process: after one read, and in all once the classifier holds the policy\n"
+         "and has classified mailto:x and %s (%.1f MB for an empty object)\n",
+         kWorkUrl, base.peak_mb);
+  printf("%-20s %8s %8s %8s %14s %8s %8s %11s %7s\n", "shape", "file MB", "read MB", "peak MB", "above empty MB",
+         "x file", "read ms", "classify ms", "rules");
   for (const auto& [name, make] : kShapes) {
     for (size_t size : {size_t{1} << 20, size_t{10} << 20, size_t{100} << 20}) {
       LocalStateFile file(make(size));
       Measurement read = MeasureRead(self, file.path());
       double file_mb = static_cast<double>(file.bytes()) / (1 << 20);
       if (!file.ok() || !read.ok || !base.ok) {
-        printf("%-20s %9.1f   (the read failed)\n", name, file_mb);
+        printf("%-20s %8.1f   (the read or a classification failed)\n", name, file_mb);
         continue;
       }
-      printf("%-20s %9.1f %12.1f %14.1f %8.2f %9.1f %7zu\n", name, file_mb, read.peak_mb, read.peak_mb - base.peak_mb,
-             (read.peak_mb - base.peak_mb) / file_mb, read.milliseconds, read.rules);
+      printf("%-20s %8.1f %8.1f %8.1f %14.1f %8.2f %8.1f %11.1f %7zu\n", name, file_mb, read.read_peak_mb,
+             read.peak_mb, read.peak_mb - base.peak_mb, (read.peak_mb - base.peak_mb) / file_mb,
+             read.read_milliseconds, read.classify_milliseconds, read.rules);
     }
   }
 }
