@@ -2,9 +2,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "base/logging.h"
 #include "dispatcher/unicode.h"
@@ -78,44 +78,46 @@ HostInSubject FindHost(const WebUrl& web) {
 
 }  // namespace
 
-// The patterns in the order they are tried, each prepared when first
-// reached.
-struct UrlClassifier::Prepared {
-  std::vector<const std::string*> texts;
-  std::vector<std::optional<internal::PreparedUrlPattern>> patterns;
+// The policy and the patterns prepared so far, in the order they are tried:
+// a URL's walk starts at the first pattern, so those reached form a prefix,
+// and nothing is prepared for patterns no URL reached. Held apart from the
+// classifier, so that the prepared patterns' views of the policy's text stay
+// valid when the classifier moves.
+struct UrlClassifier::State {
+  std::optional<PolicyRules> rules;
+  // A deque grows without moving what it holds or keeping spare room.
+  std::deque<internal::PreparedUrlPattern> prepared;
+  size_t next = 0;  // the first of the policy's patterns behind those prepared
   internal::MatchScratch scratch;
 
-  explicit Prepared(const PolicyRules& rules) {
-    size_t count = 0;
-    for (const PolicyRule& rule : rules) count += rule.patterns.size();
-    texts.reserve(count);
-    for (const PolicyRule& rule : rules) {
-      if (!rule.has_patterns) continue;
-      for (const PolicyPattern& pattern : rule.patterns) {
-        if (pattern.is_string && pattern.text != kCatchAllPattern) texts.push_back(&pattern.text);
-      }
-    }
-    patterns.resize(texts.size());
-  }
+  explicit State(std::optional<PolicyRules> policy) : rules(std::move(policy)) {}
 
-  const internal::PreparedUrlPattern& At(size_t i) {
-    if (!patterns[i]) patterns[i].emplace(*texts[i]);
-    return *patterns[i];
+  // The i-th pattern to try, prepared when first reached (i is at most the
+  // number prepared); null behind the last.
+  const internal::PreparedUrlPattern* At(size_t i) {
+    if (i < prepared.size()) return &prepared[i];
+    PolicyRules::Patterns all = rules->patterns();
+    while (next < all.size()) {
+      PolicyRules::Pattern pattern = all[next++];
+      if (pattern.is_string && pattern.text != kCatchAllPattern) return &prepared.emplace_back(pattern.text);
+    }
+    return nullptr;
   }
 };
 
-UrlClassifier::UrlClassifier(std::optional<PolicyRules> rules) : rules_(std::move(rules)) {
-  if (rules_) prepared_ = std::make_unique<Prepared>(*rules_);
-}
+UrlClassifier::UrlClassifier(std::optional<PolicyRules> rules)
+    : state_(std::make_unique<State>(std::move(rules))) {}
 
 UrlClassifier::~UrlClassifier() = default;
 UrlClassifier::UrlClassifier(UrlClassifier&&) noexcept = default;
 UrlClassifier& UrlClassifier::operator=(UrlClassifier&&) noexcept = default;
 
+const std::optional<PolicyRules>& UrlClassifier::rules() const { return state_->rules; }
+
 Classification UrlClassifier::Classify(std::string_view url,
                                        InvalidPatternHandling invalid_patterns) {
   Classification result;
-  if (!rules_ || rules_->empty()) {
+  if (!state_->rules || state_->rules->empty()) {
     LOG(ERROR) << "No policy doc URLs found. Re-directing to Corvane.";
     result.is_work = true;
     result.reason = ClassificationReason::kNoPolicy;
@@ -179,13 +181,15 @@ Classification UrlClassifier::Classify(std::string_view url,
     if (written) candidates.Add(std::move(*written));
   }
 
-  for (size_t i = 0; i < prepared_->texts.size() && candidates.size() > 0; ++i) {
-    LOG(INFO) << "Pattern : " << *prepared_->texts[i];
-    const internal::PreparedUrlPattern& pattern = prepared_->At(i);
+  for (size_t i = 0; candidates.size() > 0; ++i) {
+    const internal::PreparedUrlPattern* reached = state_->At(i);
+    if (!reached) break;
+    const internal::PreparedUrlPattern& pattern = *reached;
+    LOG(INFO) << "Pattern : " << pattern.pattern();
     MatchResult match = MatchResult::kNoMatch;
     size_t matched = 0;
     for (; matched < candidates.size() && match == MatchResult::kNoMatch; ++matched) {
-      match = pattern.Match(candidates[matched], prepared_->scratch);
+      match = pattern.Match(candidates[matched], state_->scratch);
     }
     if (match == MatchResult::kNoMatch) continue;
     result.is_work = true;
@@ -198,7 +202,7 @@ Classification UrlClassifier::Classify(std::string_view url,
     }
     if (invalid_patterns == InvalidPatternHandling::kAbort) {
       // Policy patterns are trusted; a broken one has no error path.
-      internal::AbortOnInvalidPattern(*prepared_->texts[i], pattern.check());
+      internal::AbortOnInvalidPattern(std::string(pattern.pattern()), pattern.check());
     }
     result.reason = ClassificationReason::kInvalidPattern;
     result.error = pattern.check().error;

@@ -70,9 +70,9 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
     EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
     ASSERT_TRUE(policy.policy_urls);
     std::vector<std::string> read;
-    for (const PolicyRule& rule : *policy.policy_urls) {
+    for (PolicyRules::Rule rule : *policy.policy_urls) {
       read.push_back(rule.has_patterns ? "rule:" : "skipped rule");
-      for (const PolicyPattern& pattern : rule.patterns) read.push_back(pattern.is_string ? pattern.text : "(skipped)");
+      for (PolicyRules::Pattern pattern : rule.patterns) read.emplace_back(pattern.is_string ? pattern.text : "(skipped)");
     }
     EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
                                               "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
