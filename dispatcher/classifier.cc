@@ -1,5 +1,6 @@
 #include "dispatcher/classifier.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -78,28 +79,55 @@ HostInSubject FindHost(const WebUrl& web) {
 
 }  // namespace
 
-// The policy and the patterns prepared so far, in the order they are tried:
-// a URL's walk starts at the first pattern, so those reached form a prefix,
-// and nothing is prepared for patterns no URL reached. Held apart from the
-// classifier, so that the prepared patterns' views of the policy's text stay
-// valid when the classifier moves.
+// At least this many patterns are kept prepared: every policy but huge ones.
+constexpr size_t kKeptPatternsAtLeast = 16384;
+
+// The policy and the patterns kept prepared, the first ones tried: a URL's
+// walk starts at the first pattern, so those reached form a prefix, and
+// nothing is prepared for patterns no URL reached. Beyond what takes half
+// the policy's own memory (and kKeptPatternsAtLeast), a pattern is prepared
+// for each URL that reaches it, so that a URL that reaches every pattern of a
+// huge policy leaves the memory within about one and a half times the
+// policy's. Held apart from the classifier, so that the prepared patterns'
+// views of the policy's text stay valid when the classifier moves.
 struct UrlClassifier::State {
   std::optional<PolicyRules> rules;
   // A deque grows without moving what it holds or keeping spare room.
-  std::deque<internal::PreparedUrlPattern> prepared;
-  size_t next = 0;  // the first of the policy's patterns behind those prepared
+  std::deque<internal::PreparedUrlPattern> kept;
+  size_t kept_end = 0;  // the first of the policy's patterns behind those kept
+  size_t keep_limit = 0;
   internal::MatchScratch scratch;
 
-  explicit State(std::optional<PolicyRules> policy) : rules(std::move(policy)) {}
+  explicit State(std::optional<PolicyRules> policy) : rules(std::move(policy)) {
+    // Patterns with operators take more than this; they are few.
+    if (rules) {
+      keep_limit = std::max(kKeptPatternsAtLeast, rules->memory_bytes() / 2 / sizeof(internal::PreparedUrlPattern));
+    }
+  }
 
-  // The i-th pattern to try, prepared when first reached (i is at most the
-  // number prepared); null behind the last.
-  const internal::PreparedUrlPattern* At(size_t i) {
-    if (i < prepared.size()) return &prepared[i];
+  // One URL's way through the patterns.
+  struct Walk {
+    size_t kept = 0;
+    bool beyond_kept = false;
+    size_t next = 0;  // beyond those kept: the policy's next pattern
+    std::optional<internal::PreparedUrlPattern> loose;
+  };
+
+  // The walk's next pattern in the order they are tried; null behind the
+  // last.
+  const internal::PreparedUrlPattern* Next(Walk& walk) {
+    if (!walk.beyond_kept) {
+      if (walk.kept < kept.size()) return &kept[walk.kept++];
+      walk.beyond_kept = true;
+      walk.next = kept_end;
+    }
     PolicyRules::Patterns all = rules->patterns();
-    while (next < all.size()) {
-      PolicyRules::Pattern pattern = all[next++];
-      if (pattern.is_string && pattern.text != kCatchAllPattern) return &prepared.emplace_back(pattern.text);
+    while (walk.next < all.size()) {
+      PolicyRules::Pattern pattern = all[walk.next++];
+      if (!pattern.is_string || pattern.text == kCatchAllPattern) continue;
+      if (kept.size() == keep_limit) return &walk.loose.emplace(pattern.text);
+      kept_end = walk.next;
+      return &kept.emplace_back(pattern.text);
     }
     return nullptr;
   }
@@ -181,8 +209,9 @@ Classification UrlClassifier::Classify(std::string_view url,
     if (written) candidates.Add(std::move(*written));
   }
 
-  for (size_t i = 0; candidates.size() > 0; ++i) {
-    const internal::PreparedUrlPattern* reached = state_->At(i);
+  State::Walk walk;
+  while (candidates.size() > 0) {
+    const internal::PreparedUrlPattern* reached = state_->Next(walk);
     if (!reached) break;
     const internal::PreparedUrlPattern& pattern = *reached;
     LOG(INFO) << "Pattern : " << pattern.pattern();

@@ -93,6 +93,8 @@ class PolicyRules {
   Iterator<PolicyRules> end() const { return {*this, size()}; }
   // Every rule's patterns, one after another.
   Patterns patterns() const { return {*this, 0, patterns_.size()}; }
+  // The memory the rules take, beside this object.
+  size_t memory_bytes() const { return text_.capacity() + 4 * (patterns_.capacity() + rules_.capacity()); }
 
   // Building, in document order. Room for this much, so that nothing is
   // copied or left over as the rules are added.
