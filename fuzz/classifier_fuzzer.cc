@@ -44,6 +44,22 @@ bool CaptureLine(int severity, const char*, int, size_t message_start, const std
   std::abort();
 }
 
+// A pattern as its line shows it: control bytes as %XX.
+std::string AsLogged(std::string_view text) {
+  std::string logged;
+  for (char c : text) {
+    unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      char escape[4];
+      std::snprintf(escape, sizeof(escape), "%%%02X", byte);
+      logged += escape;
+    } else {
+      logged += c;
+    }
+  }
+  return logged;
+}
+
 bool IsWebScheme(std::string_view scheme) {
   std::string lowered(scheme);
   for (char& c : lowered) {
@@ -172,7 +188,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (dispatcher::PolicyRules::Pattern pattern : rule.patterns) {
       if (decided || !pattern.is_string || pattern.text == "*/*" || subjects.empty()) continue;
       std::string text(pattern.text);
-      expected.push_back(text);
+      expected.push_back(AsLogged(text));
       dispatcher::MatchResult match = dispatcher::MatchResult::kNoMatch;
       for (size_t i = 0; i < subjects.size() && match == dispatcher::MatchResult::kNoMatch; ++i) {
         match = dispatcher::TryMatchUrlPattern(subjects[i], text, nullptr);
