@@ -52,10 +52,12 @@ struct Classification {
 // A web URL is read as the browser reads it (web_url.h); a pattern decides
 // when it matches the subject so read, the same with its host's "xn--"
 // labels in Unicode, or the subject of the URL as written.
-// Each pattern is translated, checked and compiled once, when the first URL
-// reaches it, and kept for later URLs; a pattern behind the first match is
-// not even checked, and takes no memory beyond the policy's own. Ends the process for a URL that is only an allowed scheme
-// and a colon (unless kReport). Not for use by two threads at once.
+// Each pattern is translated, checked and compiled when the first URL
+// reaches it, and kept for later URLs (in a huge policy, only the first
+// ones); a pattern behind the first match is not even checked, and takes no
+// memory beyond the policy's own. Ends the process for a URL that is only an
+// allowed scheme and a colon (unless kReport). Not for use by two threads at
+// once.
 class UrlClassifier {
  public:
   explicit UrlClassifier(std::optional<PolicyRules> rules);
