@@ -34,7 +34,6 @@ void PolicyRules::Reserve(size_t rules, size_t patterns, size_t text_bytes) {
 void PolicyRules::AddRule() { rules_.push_back(static_cast<uint32_t>(patterns_.size()) | kFlag); }
 
 void PolicyRules::SetPatterns(bool is_array) {
-  if (rules_.empty()) AddRule();
   uint32_t first = rules_.back() & ~kFlag;
   if (first < patterns_.size()) {
     text_.resize(patterns_[first] & ~kFlag);
@@ -44,8 +43,6 @@ void PolicyRules::SetPatterns(bool is_array) {
 }
 
 std::string* PolicyRules::AddPattern(bool is_string) {
-  if (rules_.empty()) AddRule();
-  rules_.back() &= ~kFlag;
   patterns_.push_back(static_cast<uint32_t>(text_.size()) | (is_string ? 0 : kFlag));
   return &text_;
 }

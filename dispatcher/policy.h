@@ -104,9 +104,9 @@ class PolicyRules {
   // The last rule's `patterns` value begins: an array starts its patterns
   // afresh; anything else leaves it none.
   void SetPatterns(bool is_array);
-  // Adds a pattern to the last rule and returns the string its text is to
-  // be appended to, until the next call; nothing is appended for a value that
-  // is not a string.
+  // Adds a pattern to the last rule, whose patterns array has begun, and
+  // returns the string its text is to be appended to, until the next call;
+  // nothing is appended for a value that is not a string.
   std::string* AddPattern(bool is_string);
 
  private:
