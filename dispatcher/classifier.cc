@@ -107,17 +107,24 @@ struct UrlClassifier::State {
 
   // One URL's way through the patterns.
   struct Walk {
-    size_t kept = 0;
+    // Among those kept; only patterns behind them are added while it is.
+    std::deque<internal::PreparedUrlPattern>::const_iterator kept;
     bool beyond_kept = false;
     size_t next = 0;  // beyond those kept: the policy's next pattern
     std::optional<internal::PreparedUrlPattern> loose;
   };
 
+  Walk StartWalk() const {
+    Walk walk;
+    walk.kept = kept.begin();
+    return walk;
+  }
+
   // The walk's next pattern in the order they are tried; null behind the
   // last.
   const internal::PreparedUrlPattern* Next(Walk& walk) {
     if (!walk.beyond_kept) {
-      if (walk.kept < kept.size()) return &kept[walk.kept++];
+      if (walk.kept != kept.end()) return &*walk.kept++;
       walk.beyond_kept = true;
       walk.next = kept_end;
     }
@@ -209,7 +216,7 @@ Classification UrlClassifier::Classify(std::string_view url,
     if (written) candidates.Add(std::move(*written));
   }
 
-  State::Walk walk;
+  State::Walk walk = state_->StartWalk();
   while (candidates.size() > 0) {
     const internal::PreparedUrlPattern* reached = state_->Next(walk);
     if (!reached) break;
