@@ -77,10 +77,10 @@ HostInSubject FindHost(const WebUrl& web) {
   return host;
 }
 
-}  // namespace
-
 // At least this many patterns are kept prepared: every policy but huge ones.
 constexpr size_t kKeptPatternsAtLeast = 16384;
+
+}  // namespace
 
 // The policy and the patterns kept prepared, the first ones tried: a URL's
 // walk starts at the first pattern, so those reached form a prefix, and
@@ -107,7 +107,8 @@ struct UrlClassifier::State {
 
   // One URL's way through the patterns.
   struct Walk {
-    // Among those kept; only patterns behind them are added while it is.
+    // Where it is among those kept: valid, as nothing is added to them
+    // before it is past them.
     std::deque<internal::PreparedUrlPattern>::const_iterator kept;
     bool beyond_kept = false;
     size_t next = 0;  // beyond those kept: the policy's next pattern
