@@ -1,10 +1,11 @@
 #include "dispatcher/classifier.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "base/logging.h"
 #include "dispatcher/unicode.h"
@@ -76,46 +77,83 @@ HostInSubject FindHost(const WebUrl& web) {
   return host;
 }
 
+// At least this many patterns are kept prepared: every policy but huge ones.
+constexpr size_t kKeptPatternsAtLeast = 16384;
+
 }  // namespace
 
-// The patterns in the order they are tried, each prepared when first
-// reached.
-struct UrlClassifier::Prepared {
-  std::vector<const std::string*> texts;
-  std::vector<std::optional<internal::PreparedUrlPattern>> patterns;
+// The policy and the patterns kept prepared, the first ones tried: a URL's
+// walk starts at the first pattern, so those reached form a prefix, and
+// nothing is prepared for patterns no URL reached. Beyond what takes half
+// the policy's own memory (and kKeptPatternsAtLeast), a pattern is prepared
+// for each URL that reaches it, so that a URL that reaches every pattern of a
+// huge policy leaves the memory within about one and a half times the
+// policy's. Held apart from the classifier, so that the prepared patterns'
+// views of the policy's text stay valid when the classifier moves.
+struct UrlClassifier::State {
+  std::optional<PolicyRules> rules;
+  // A deque grows without moving what it holds or keeping spare room.
+  std::deque<internal::PreparedUrlPattern> kept;
+  size_t kept_end = 0;  // the first of the policy's patterns behind those kept
+  size_t keep_limit = 0;
   internal::MatchScratch scratch;
 
-  explicit Prepared(const PolicyRules& rules) {
-    size_t count = 0;
-    for (const PolicyRule& rule : rules) count += rule.patterns.size();
-    texts.reserve(count);
-    for (const PolicyRule& rule : rules) {
-      if (!rule.has_patterns) continue;
-      for (const PolicyPattern& pattern : rule.patterns) {
-        if (pattern.is_string && pattern.text != kCatchAllPattern) texts.push_back(&pattern.text);
-      }
+  explicit State(std::optional<PolicyRules> policy) : rules(std::move(policy)) {
+    // Patterns with operators take more than this; they are few.
+    if (rules) {
+      keep_limit = std::max(kKeptPatternsAtLeast, rules->memory_bytes() / 2 / sizeof(internal::PreparedUrlPattern));
     }
-    patterns.resize(texts.size());
   }
 
-  const internal::PreparedUrlPattern& At(size_t i) {
-    if (!patterns[i]) patterns[i].emplace(*texts[i]);
-    return *patterns[i];
+  // One URL's way through the patterns.
+  struct Walk {
+    // Where it is among those kept: valid, as nothing is added to them
+    // before it is past them.
+    std::deque<internal::PreparedUrlPattern>::const_iterator kept;
+    bool beyond_kept = false;
+    size_t next = 0;  // beyond those kept: the policy's next pattern
+    std::optional<internal::PreparedUrlPattern> loose;
+  };
+
+  Walk StartWalk() const {
+    Walk walk;
+    walk.kept = kept.begin();
+    return walk;
+  }
+
+  // The walk's next pattern in the order they are tried; null behind the
+  // last.
+  const internal::PreparedUrlPattern* Next(Walk& walk) {
+    if (!walk.beyond_kept) {
+      if (walk.kept != kept.end()) return &*walk.kept++;
+      walk.beyond_kept = true;
+      walk.next = kept_end;
+    }
+    PolicyRules::Patterns all = rules->patterns();
+    while (walk.next < all.size()) {
+      PolicyRules::Pattern pattern = all[walk.next++];
+      if (!pattern.is_string || pattern.text == kCatchAllPattern) continue;
+      if (kept.size() == keep_limit) return &walk.loose.emplace(pattern.text);
+      kept_end = walk.next;
+      return &kept.emplace_back(pattern.text);
+    }
+    return nullptr;
   }
 };
 
-UrlClassifier::UrlClassifier(std::optional<PolicyRules> rules) : rules_(std::move(rules)) {
-  if (rules_) prepared_ = std::make_unique<Prepared>(*rules_);
-}
+UrlClassifier::UrlClassifier(std::optional<PolicyRules> rules)
+    : state_(std::make_unique<State>(std::move(rules))) {}
 
 UrlClassifier::~UrlClassifier() = default;
 UrlClassifier::UrlClassifier(UrlClassifier&&) noexcept = default;
 UrlClassifier& UrlClassifier::operator=(UrlClassifier&&) noexcept = default;
 
+const std::optional<PolicyRules>& UrlClassifier::rules() const { return state_->rules; }
+
 Classification UrlClassifier::Classify(std::string_view url,
                                        InvalidPatternHandling invalid_patterns) {
   Classification result;
-  if (!rules_ || rules_->empty()) {
+  if (!state_->rules || state_->rules->empty()) {
     LOG(ERROR) << "No policy doc URLs found. Re-directing to Corvane.";
     result.is_work = true;
     result.reason = ClassificationReason::kNoPolicy;
@@ -179,13 +217,16 @@ Classification UrlClassifier::Classify(std::string_view url,
     if (written) candidates.Add(std::move(*written));
   }
 
-  for (size_t i = 0; i < prepared_->texts.size() && candidates.size() > 0; ++i) {
-    LOG(INFO) << "Pattern : " << *prepared_->texts[i];
-    const internal::PreparedUrlPattern& pattern = prepared_->At(i);
+  State::Walk walk = state_->StartWalk();
+  while (candidates.size() > 0) {
+    const internal::PreparedUrlPattern* reached = state_->Next(walk);
+    if (!reached) break;
+    const internal::PreparedUrlPattern& pattern = *reached;
+    LOG(INFO) << "Pattern : " << pattern.pattern();
     MatchResult match = MatchResult::kNoMatch;
     size_t matched = 0;
     for (; matched < candidates.size() && match == MatchResult::kNoMatch; ++matched) {
-      match = pattern.Match(candidates[matched], prepared_->scratch);
+      match = pattern.Match(candidates[matched], state_->scratch);
     }
     if (match == MatchResult::kNoMatch) continue;
     result.is_work = true;
@@ -198,7 +239,7 @@ Classification UrlClassifier::Classify(std::string_view url,
     }
     if (invalid_patterns == InvalidPatternHandling::kAbort) {
       // Policy patterns are trusted; a broken one has no error path.
-      internal::AbortOnInvalidPattern(*prepared_->texts[i], pattern.check());
+      internal::AbortOnInvalidPattern(std::string(pattern.pattern()), pattern.check());
     }
     result.reason = ClassificationReason::kInvalidPattern;
     result.error = pattern.check().error;

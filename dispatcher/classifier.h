@@ -52,10 +52,12 @@ struct Classification {
 // A web URL is read as the browser reads it (web_url.h); a pattern decides
 // when it matches the subject so read, the same with its host's "xn--"
 // labels in Unicode, or the subject of the URL as written.
-// Each pattern is translated, checked and compiled once, when the first URL
-// reaches it, and kept for later URLs; a pattern behind the first match is
-// not even checked. Ends the process for a URL that is only an allowed scheme
-// and a colon (unless kReport). Not for use by two threads at once.
+// Each pattern is translated, checked and compiled when the first URL
+// reaches it, and kept for later URLs (in a huge policy, only the first
+// ones); a pattern behind the first match is not even checked, and takes no
+// memory beyond the policy's own. Ends the process for a URL that is only an
+// allowed scheme and a colon (unless kReport). Not for use by two threads at
+// once.
 class UrlClassifier {
  public:
   explicit UrlClassifier(std::optional<PolicyRules> rules);
@@ -63,13 +65,12 @@ class UrlClassifier {
   UrlClassifier(UrlClassifier&&) noexcept;
   UrlClassifier& operator=(UrlClassifier&&) noexcept;
 
-  const std::optional<PolicyRules>& rules() const { return rules_; }
+  const std::optional<PolicyRules>& rules() const;
   Classification Classify(std::string_view url, InvalidPatternHandling invalid_patterns);
 
  private:
-  struct Prepared;
-  std::optional<PolicyRules> rules_;
-  std::unique_ptr<Prepared> prepared_;
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 // One URL against a copy of the rules, with nothing kept.

@@ -28,8 +28,9 @@
 //
 // A first pass validates the whole document and notes, at the keys the
 // dispatcher reads, what the last occurrence of each is: the non-work
-// browser's path, and where the rules are with how many patterns each has.
-// A second pass reads just the rules into vectors of exactly that size.
+// browser's path, and where the rules are with how many rules and patterns
+// and how many bytes of pattern text they hold. A second pass reads just the
+// rules into a policy of exactly that size.
 
 namespace dispatcher {
 
@@ -98,13 +99,17 @@ struct Findings {
   bool browser_urls = false;  // an array, in policy
   uint64_t browser_urls_begin = 0;
   uint64_t browser_urls_end = 0;
-  std::vector<uint32_t> pattern_counts;  // per rule, of its last patterns array
-  bool browser = false;                  // an object
+  // What browser_urls holds, each rule's last patterns array counted: the
+  // bytes are those of the strings as written, no fewer than their text.
+  uint64_t rules = 0, patterns = 0, pattern_bytes = 0;
+  // The last rule's share, taken back when its patterns key comes again.
+  uint64_t rule_patterns = 0, rule_pattern_bytes = 0;
+  bool browser = false;  // an object
   std::optional<std::string> browser_path;
 
   void ForgetRules() {
     browser_urls = false;
-    pattern_counts = {};
+    rules = patterns = pattern_bytes = rule_patterns = rule_pattern_bytes = 0;
   }
 };
 
@@ -236,9 +241,9 @@ class Parser {
     return Parse(Role::kRoot, true);
   }
 
-  // Reads browser_urls into `rules`, each vector reserved from `counts`.
-  bool ParseRules(const std::vector<uint32_t>& counts, PolicyRules* rules) {
-    counts_ = &counts;
+  // Reads browser_urls into `rules`, sized from what the first pass found.
+  bool ParseRules(const Findings& found, PolicyRules* rules) {
+    sizes_ = &found;
     rules_ = rules;
     return Parse(Role::kBrowserUrls, false);
   }
@@ -426,7 +431,7 @@ class Parser {
         break;
       case Role::kBrowserUrls:
         if (rules_) {
-          rules_->reserve(counts_->size());
+          rules_->Reserve(sizes_->rules, sizes_->patterns, sizes_->pattern_bytes);
         } else {
           found_->ForgetRules();
           found_->browser_urls = c == '[';
@@ -435,27 +440,27 @@ class Parser {
         break;
       case Role::kRule:
         if (rules_) {
-          rules_->emplace_back();
+          rules_->AddRule();
         } else {
-          found_->pattern_counts.push_back(0);
+          ++found_->rules;
+          found_->rule_patterns = found_->rule_pattern_bytes = 0;
         }
         break;
       case Role::kPatterns:
         if (rules_) {
-          PolicyRule& rule = rules_->back();
-          rule.has_patterns = c == '[';
-          rule.patterns = {};
-          size_t index = rules_->size() - 1;
-          if (rule.has_patterns && index < counts_->size()) rule.patterns.reserve((*counts_)[index]);
+          rules_->SetPatterns(c == '[');
         } else {
-          found_->pattern_counts.back() = 0;
+          found_->patterns -= found_->rule_patterns;
+          found_->pattern_bytes -= found_->rule_pattern_bytes;
+          found_->rule_patterns = found_->rule_pattern_bytes = 0;
         }
         break;
       case Role::kPattern:
         if (rules_) {
-          rules_->back().patterns.emplace_back().is_string = c == '"';
+          pattern_text_ = rules_->AddPattern(c == '"');
         } else {
-          ++found_->pattern_counts.back();
+          ++found_->patterns;
+          ++found_->rule_patterns;
         }
         break;
       case Role::kBrowser:
@@ -471,7 +476,7 @@ class Parser {
 
   // Where the text of a string value of `role` goes.
   std::string* Keep(Role role) {
-    if (role == Role::kPattern && rules_) return &rules_->back().patterns.back().text;
+    if (role == Role::kPattern && rules_) return pattern_text_;
     if (role == Role::kBrowserPath) return &*found_->browser_path;
     return nullptr;
   }
@@ -508,7 +513,13 @@ class Parser {
         int c = SkipSpace();
         Begin(role, c);
         if (c != '{' && c != '[') {
+          uint64_t start = offset();
           if (!Scalar(role, c)) return false;
+          if (role == Role::kPattern && c == '"' && !rules_) {
+            uint64_t inside_quotes = offset() - start - 2;
+            found_->pattern_bytes += inside_quotes;
+            found_->rule_pattern_bytes += inside_quotes;
+          }
           step = Step::kAfterValue;
           continue;
         }
@@ -564,8 +575,9 @@ class Parser {
   Failure failure_ = Failure::kNone;
   std::string reason_;
   Findings* found_ = nullptr;
-  const std::vector<uint32_t>* counts_ = nullptr;
+  const Findings* sizes_ = nullptr;
   PolicyRules* rules_ = nullptr;
+  std::string* pattern_text_ = nullptr;
   Level stack_[kMaxDepth];
 };
 
@@ -616,16 +628,13 @@ Document ReadDocument(const base::FilePath& path) {
   const Findings& found = document.found;
   if (found.kel_prefs && found.policy && found.browser_urls) {
     Parser rules(source.get(), found.browser_urls_begin);
-    if (!rules.ParseRules(found.pattern_counts, &document.rules)) {
+    if (!rules.ParseRules(found, &document.rules)) {
       document.failure = rules.failure();
       document.reason = rules.reason();
       return document;
     }
-    bool same = rules.offset() == found.browser_urls_end && document.rules.size() == found.pattern_counts.size();
-    for (size_t i = 0; same && i < document.rules.size(); ++i) {
-      same = document.rules[i].patterns.size() == found.pattern_counts[i];
-    }
-    if (!same) {
+    if (rules.offset() != found.browser_urls_end || document.rules.size() != found.rules ||
+        document.rules.patterns().size() != found.patterns) {
       document.reason = "Local State changed while it was read.";
       return document;
     }

@@ -44,6 +44,22 @@ bool CaptureLine(int severity, const char*, int, size_t message_start, const std
   std::abort();
 }
 
+// A pattern as its line shows it: control bytes as %XX.
+std::string AsLogged(std::string_view text) {
+  std::string logged;
+  for (char c : text) {
+    unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      char escape[4];
+      std::snprintf(escape, sizeof(escape), "%%%02X", byte);
+      logged += escape;
+    } else {
+      logged += c;
+    }
+  }
+  return logged;
+}
+
 bool IsWebScheme(std::string_view scheme) {
   std::string lowered(scheme);
   for (char& c : lowered) {
@@ -104,14 +120,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 1; i < pieces.size(); ++i) {
     std::string_view text = pieces[i];
     if (rules.empty() || (!text.empty() && text[0] == '\x01')) {
-      rules.emplace_back();
-      rules.back().has_patterns = true;
+      rules.AddRule();
+      rules.SetPatterns(true);
       if (!text.empty() && text[0] == '\x01') text.remove_prefix(1);
     }
-    dispatcher::PolicyPattern pattern;
-    pattern.is_string = text.empty() || text[0] != '\x02';
-    pattern.text = std::string(text);
-    rules.back().patterns.push_back(pattern);
+    bool is_string = text.empty() || text[0] != '\x02';
+    std::string* pattern = rules.AddPattern(is_string);
+    if (is_string) pattern->append(text);
   }
 
   // Browsers may see a web URL where the text does not start with a web
@@ -169,13 +184,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Replay: every logged pattern but the deciding one must not match.
   std::vector<std::string> expected;
   bool decided = false;
-  for (const dispatcher::PolicyRule& rule : rules) {
-    for (const dispatcher::PolicyPattern& pattern : rule.patterns) {
+  for (dispatcher::PolicyRules::Rule rule : rules) {
+    for (dispatcher::PolicyRules::Pattern pattern : rule.patterns) {
       if (decided || !pattern.is_string || pattern.text == "*/*" || subjects.empty()) continue;
-      expected.push_back(pattern.text);
+      std::string text(pattern.text);
+      expected.push_back(AsLogged(text));
       dispatcher::MatchResult match = dispatcher::MatchResult::kNoMatch;
       for (size_t i = 0; i < subjects.size() && match == dispatcher::MatchResult::kNoMatch; ++i) {
-        match = dispatcher::TryMatchUrlPattern(subjects[i], pattern.text, nullptr);
+        match = dispatcher::TryMatchUrlPattern(subjects[i], text, nullptr);
       }
       if (match != dispatcher::MatchResult::kNoMatch) {
         decided = true;

@@ -31,10 +31,10 @@ const std::string& ScratchFile() {
 // What a read yields, as text.
 std::string Summary(const dispatcher::LocalStatePolicy& policy) {
   std::string summary = std::to_string(static_cast<int>(policy.status));
-  for (const dispatcher::PolicyRule& rule : policy.policy_urls.value_or(dispatcher::PolicyRules())) {
+  for (dispatcher::PolicyRules::Rule rule : policy.policy_urls.value_or(dispatcher::PolicyRules())) {
     summary += rule.has_patterns ? "\n[" : "\n-";
-    for (const dispatcher::PolicyPattern& pattern : rule.patterns) {
-      summary += pattern.is_string ? pattern.text + "\n" : "-\n";
+    for (dispatcher::PolicyRules::Pattern pattern : rule.patterns) {
+      summary += pattern.is_string ? std::string(pattern.text) + "\n" : "-\n";
     }
   }
   return summary + "\n" + policy.non_work_browser_url.value_or("-");

@@ -402,7 +402,7 @@ int RunCheck(const Options& options) {
   } else {
     out += "policy: " + std::to_string(policy.policy_urls->size()) + " rule(s)\n";
     size_t rule_number = 0;
-    for (const dispatcher::PolicyRule& rule : *policy.policy_urls) {
+    for (dispatcher::PolicyRules::Rule rule : *policy.policy_urls) {
       ++rule_number;
       std::string rule_name = "rule " + std::to_string(rule_number);
       if (!rule.has_patterns) {
@@ -411,7 +411,7 @@ int RunCheck(const Options& options) {
       }
       out += rule_name + ": " + std::to_string(rule.patterns.size()) + " pattern(s)\n";
       size_t pattern_number = 0;
-      for (const dispatcher::PolicyPattern& pattern : rule.patterns) {
+      for (dispatcher::PolicyRules::Pattern pattern : rule.patterns) {
         ++pattern_number;
         out += rule_name + " pattern " + std::to_string(pattern_number) + ": ";
         if (!pattern.is_string) {
@@ -422,8 +422,9 @@ int RunCheck(const Options& options) {
           out += "reserved */* " + JsonString(pattern.text) + " (never matched)\n";
           continue;
         }
-        std::string expression = JsonString(dispatcher::TranslateUrlPattern(pattern.text));
-        dispatcher::PatternCheck check = dispatcher::CheckUrlPattern(pattern.text);
+        std::string text(pattern.text);
+        std::string expression = JsonString(dispatcher::TranslateUrlPattern(text));
+        dispatcher::PatternCheck check = dispatcher::CheckUrlPattern(text);
         if (check.valid) {
           out += "ok " + JsonString(pattern.text) + " -> " + expression + "\n";
         } else {

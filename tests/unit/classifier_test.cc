@@ -169,10 +169,14 @@ TEST_F(ClassifierTest, MatchingThatGivesUpOrAHostThatCannotBeReadIsAWorkUrlWithO
 }
 
 // One classifier for a run of URLs, as the dispatcher and explain keep it:
-// patterns prepared for one URL answer the next the same way, and a broken
-// pattern is reported only for a URL that reaches it.
+// patterns prepared for one URL answer the next the same way, also beyond
+// those kept prepared, and a broken pattern is reported only for a URL that
+// reaches it.
 TEST_F(ClassifierTest, AClassifierKeptForManyUrlsDecidesAsAFreshOne) {
-  UrlClassifier classifier(PolicyRules{Rule({"a.test/*", "corp.test/(app|web)/*", "(", "*"})});
+  std::vector<std::string> patterns = {"a.test/*", "corp.test/(app|web)/*"};
+  for (int i = 0; i < 20000; ++i) patterns.push_back("f" + std::to_string(i) + ".test/");
+  patterns.insert(patterns.end(), {"(", "*"});
+  UrlClassifier classifier(PolicyRules{Rule(patterns)});
   struct Step {
     std::string url;
     ClassificationReason reason;
@@ -181,7 +185,9 @@ TEST_F(ClassifierTest, AClassifierKeptForManyUrlsDecidesAsAFreshOne) {
   const std::vector<Step> steps = {
       {"https://a.test/x", ClassificationReason::kMatched, 1},
       {"https://corp.test/web/", ClassificationReason::kMatched, 2},
-      {"https://corp.test/mail/", ClassificationReason::kInvalidPattern, 3},
+      {"https://f19999.test/", ClassificationReason::kMatched, 20002},
+      {"https://corp.test/mail/", ClassificationReason::kInvalidPattern, 20003},
+      {"https://f19999.test/", ClassificationReason::kMatched, 20002},
       {"https://corp.test/app/", ClassificationReason::kMatched, 2},
       {"https://a.test/", ClassificationReason::kMatched, 1},
   };

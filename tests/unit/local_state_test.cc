@@ -63,16 +63,18 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
       "profile": {"info_cache": {"Default": {"name": "Person 1", "n": )" + other + R"(}}},
       "kel_prefs": {"unrelated": [)" + other + R"(, {"x": null}], "policy": {"other": true, "browser_urls": [
           {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranét 😀"},
-          {"name": "rule without patterns"}, "a rule that is no object", {"patterns": "not an array"},
-          {"patterns": []}, {"patterns": ["\u00e9xample.test/*", null, "a\u0000b\uD83D\ude00", "c\\.d\"1e400"]}]}}})");
+          {"name": "rule without patterns"}, "a rule that is no object", {"patterns": ["x/*", 1],
+          "patterns": "not an array"}, {"patterns": []}, {"patterns": 0, "patterns": ["\u00e9xample.test/*", null,
+          "a\u0000b\uD83D\ude00", "c\\.d\"1e400"]}]}}})");
     SCOPED_TRACE(std::to_string(start.size()) + number);
     EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
     EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
     ASSERT_TRUE(policy.policy_urls);
     std::vector<std::string> read;
-    for (const PolicyRule& rule : *policy.policy_urls) {
+    for (PolicyRules::Rule rule : *policy.policy_urls) {
       read.push_back(rule.has_patterns ? "rule:" : "skipped rule");
-      for (const PolicyPattern& pattern : rule.patterns) read.push_back(pattern.is_string ? pattern.text : "(skipped)");
+      for (PolicyRules::Pattern pattern : rule.patterns)
+        read.emplace_back(pattern.is_string ? pattern.text : "(skipped)");
     }
     EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
                                               "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
