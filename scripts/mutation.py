@@ -5,7 +5,9 @@ Run through scripts/mutation.sh. Mutants are spread over the sources by their si
 from --seed, so the same seed and count give the same mutants again; --only re-checks some.
 Each mutant is applied, built incrementally (ci preset), and the suite run, stopping at the
 first failure; the file is restored whatever happens. A survivor that deleted a free, close
-or unref line also runs the asan preset's suite, which catches the leak. String and character
+or unref line also runs the asan preset's suite, which catches the leak. With --matrix FILE the
+whole suite runs for each mutant and FILE gets the tests that failed, a mutant a line; the
+summary then names the tests that kill no mutant alone. String and character
 literals are never mutated: a changed log text is either caught by a plain comparison or not
 looked at, and says nothing about the code's logic either way.
 """
@@ -25,6 +27,7 @@ SYMMETRIC = {"min", "max", "swap"}  # swapping their arguments changes nothing
 PARAMETER = re.compile(r"^[\w:<>*&\s]+\s[*&]?\w+\s*(=.*)?$")    # "const std::string& path"
 DECLARATION = re.compile(r"^[\w:<>,*& ]*[\w>*&]\s+[*&]?\w+\s*[=({\[;]")
 RELEASE = re.compile(r"\w*(free|close|unref)\w*\s*\(|^\s*delete\b", re.I)
+FAILED = re.compile(r"^\s*\d+ - (\S+) \(", re.M)   # a row of ctest's list of failed tests
 
 
 def mask(text):
@@ -199,16 +202,41 @@ def build(preset, log, jobs):
     return run(["cmake", "--build", "--preset", preset, "-j", str(jobs)], log)
 
 
-def test(preset, log, jobs, timeout=None):
+def test(preset, log, jobs, timeout=None, whole=False):
     # Most tests wait on the dispatcher's two-second shutdown: run more than the cores.
-    return run(["ctest", "--preset", preset, "-LE", "real-browsers", "-j", str(2 * jobs),
-                "--stop-on-failure"], log, timeout)
+    return run(["ctest", "--preset", preset, "-LE", "real-browsers", "-j", str(2 * jobs)] +
+               ([] if whole else ["--stop-on-failure"]), log, timeout)
 
 
-def build_and_test(preset, log, jobs, timeout):
+def build_and_test(preset, log, jobs, timeout, whole=False):
     if not build(preset, log, jobs):
         return "no-build"
-    return "killed" if not test(preset, log, jobs, timeout) else "survived"
+    return "killed" if not test(preset, log, jobs, timeout, whole) else "survived"
+
+
+def failed_tests(log):
+    """The tests that the last suite run in the log failed; "(timeout)" when it did not finish."""
+    text = log.read_text(errors="replace")
+    text = text[text.rfind("$ ctest"):]
+    return FAILED.findall(text[text.find("The following tests FAILED:"):]) or \
+        (["(timeout)"] if "timed out after" in text else [])
+
+
+def summarize(matrix):
+    """Per test, the mutants it kills and those no other test kills, from every row of the matrix file."""
+    kills = {}
+    for row in matrix.read_text().splitlines():
+        mutant, _, tests = row.partition(" killed: ")
+        for name in tests.split():
+            kills.setdefault(name, set()).add(mutant)
+    listed = subprocess.run(["ctest", "--preset", "ci", "-N", "-LE", "real-browsers"], cwd=ROOT,
+                            capture_output=True, text=True).stdout
+    print(f"\ntests by the mutants they kill alone / in all ({matrix}):")
+    for name in sorted(set(re.findall(r"Test +#\d+: (\S+)", listed)) | set(kills),
+                       key=lambda n: (len(kills.get(n, ())), n)):
+        alone = [m for m in kills.get(name, ()) if all(m not in k for o, k in kills.items() if o != name)]
+        print(f"{len(alone):3} / {len(kills.get(name, ())):3}  {name}" +
+              "".join(f"\n          {m}" for m in sorted(alone)))
 
 
 def restore_interrupted():
@@ -231,7 +259,10 @@ def evaluate(mutant, args, log):
         lines = original.decode("utf-8").split("\n")
         lines[number - 1] = new
         source.write_text("\n".join(lines), encoding="utf-8")
-        result = build_and_test("ci", log, args.jobs, args.timeout)
+        result = build_and_test("ci", log, args.jobs, args.timeout, bool(args.matrix))
+        if args.matrix and result == "killed":
+            with open(args.matrix, "a") as out:
+                out.write(f"{path}:{number} {operator} {mutant[3]} killed: {' '.join(failed_tests(log))}\n")
         if result == "survived" and operator == "delete" and RELEASE.search(mutant[4]):
             result = build_and_test("asan", log, args.jobs, args.timeout * 3)
             result = "killed (asan)" if result == "killed" else result
@@ -254,6 +285,8 @@ def main():
                         help="seconds a mutant's suite may run, a hang being a kill (default: "
                         "three times the unmutated suite's time, at least 60)")
     parser.add_argument("--jobs", type=int, default=2, help="build jobs (default 2)")
+    parser.add_argument("--matrix", type=Path, help="run the whole suite for each mutant and append "
+                        "the tests that kill it to this file; summarize every row of it at the end")
     args = parser.parse_args()
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # quietly, into a pager or head
     for sig in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):  # also when started with SIGINT ignored
@@ -307,6 +340,8 @@ def main():
             print(f"{path}:{number} {operator} {what}" + (f" ({reason})" if reason else ""))
             print(f"  - {old.strip()}\n  + {new.strip()}")
     k, s, b, e = (len(results[key]) for key in ("killed", "survived", "no-build", "equivalent"))
+    if args.matrix and args.matrix.exists():
+        summarize(args.matrix)
     print(f"score: {k} killed / ({k}+{s}) = {100 * k / max(k + s, 1):.1f}% ({b} did not build, {e} equivalent)")
     return 0
 
