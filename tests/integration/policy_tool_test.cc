@@ -73,6 +73,10 @@ TEST_F(PolicyToolTest, WhatWouldEndTheDispatcherIsReportedWithExitOne) {
   for (auto [url, code] : {std::pair("http://a.corp.test", 1), {"https:", 1}, {"ftp:", 0}, {"https://a.one.test", 0}})
     EXPECT_EQ(Run("", {"explain", "--local-state", local_state_, url}).exit_code, code) << url;
   EXPECT_EQ(Run("{}", {"explain", "--local-state", local_state_, "https:"}).out, "work\t-\thttps:\n");  // no policy
+  // Standard input that cannot be read (a folder) is no empty list of URLs.
+  r = Run("", {"explain"}, "", {"/bin/sh", "-c", "exec \"$@\" < /", "sh"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("cannot read standard input: Is a directory"), std::string::npos) << r.err;
 }
 
 TEST_F(PolicyToolTest, CheckShowsWhatTheDispatcherWouldDoAndExitsOneIfItCannotRunAsPlanned) {
