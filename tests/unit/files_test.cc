@@ -98,6 +98,7 @@ TEST(TimeTest, ConversionsSpansAndWholeHoursSaturate) {
   EXPECT_TRUE(TimePoint::FromAbsoluteTime(0).is_null());
   EXPECT_EQ(TimePoint::FromAbsoluteTime(1.5).ToInternalValue(), TimePoint::kUnixEpochOffset + 978307201500000);
   EXPECT_EQ(TimePoint::FromAbsoluteTime(1e300), TimePoint::Max());
+  EXPECT_EQ(TimePoint::FromAbsoluteTime(9222393729654.775), TimePoint::Max()) << "2^63 microseconds since 1970";
   EXPECT_EQ(TimePoint::FromAbsoluteTime(-1e300), TimePoint::Min());
 
   EXPECT_EQ(TimePoint::Max() - TimePoint::FromInternalValue(-5), TimeSpan::Max());
