@@ -63,6 +63,8 @@ TEST(LoggingTest, LinesCarryLocalTimeSeverityAndBaseNameLevelsFilterAndErrnoIsTh
   struct tm utc;
   gmtime_r(&now, &utc);
   std::string saved = getenv("TZ") ? getenv("TZ") : "";
+  LOG(INFO) << "the same second in the zone before";
+  log.Clear();
   setenv("TZ", ("ZZZ" + std::to_string((utc.tm_hour - 5 + 36) % 24 - 12)).c_str(), 1);  // west-positive
   tzset();
   char stamp[16];
