@@ -273,6 +273,16 @@ def evaluate(mutant, args, log):
         backup.unlink()
 
 
+def equivalence(equivalent, mutant):
+    """Why the mutant is equivalent, from its own entry or its line's; None if it is not listed."""
+    path, number, operator, _, old, new = mutant
+    for where, kind, edit, reason in equivalent:
+        if where == f"{path}:{number}" and kind == operator and \
+                (not edit or edit[0] in old and old.replace(edit[0], edit[1], 1) == new):
+            return reason
+    return None
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--seed", default="1", help="draws the mutants (default 1)")
@@ -293,12 +303,14 @@ def main():
         signal.signal(sig, lambda *_: sys.exit(130))
     restore_interrupted()
 
-    equivalent = {}
+    equivalent = []
     if EQUIVALENTS.exists():
         for entry in EQUIVALENTS.read_text().splitlines():
             if entry.strip() and not entry.startswith("#"):
                 where, operator, reason = (entry.split(None, 2) + [""])[:3]
-                equivalent[(where, operator)] = reason
+                # "'A' -> 'B': reason" names the mutant that makes the first A of the line B
+                edit = re.match(r"'(.*?)' -> '(.*?)': ", reason)
+                equivalent.append((where, operator, edit and edit.groups(), reason[edit.end() if edit else 0:]))
     mutants = select(args)
     if args.list:
         for path, number, operator, what, old, new in mutants:
@@ -324,7 +336,7 @@ def main():
     for index, mutant in enumerate(mutants, 1):
         path, number, operator, what = mutant[:4]
         started, log = time.time(), WORK / f"{index:03}.log"
-        if (f"{path}:{number}", operator) in equivalent:
+        if equivalence(equivalent, mutant) is not None:
             result = "equivalent"
         else:
             result = evaluate(mutant, args, log)
@@ -336,7 +348,7 @@ def main():
         if results[key]:
             print(f"\n{title}:")
         for path, number, operator, what, old, new in results[key]:
-            reason = equivalent.get((f"{path}:{number}", operator))
+            reason = equivalence(equivalent, (path, number, operator, what, old, new))
             print(f"{path}:{number} {operator} {what}" + (f" ({reason})" if reason else ""))
             print(f"  - {old.strip()}\n  + {new.strip()}")
     k, s, b, e = (len(results[key]) for key in ("killed", "survived", "no-build", "equivalent"))
