@@ -26,7 +26,7 @@ KEYWORDS = {"if", "for", "while", "switch", "return", "sizeof", "alignof", "decl
 SYMMETRIC = {"min", "max", "swap"}  # swapping their arguments changes nothing
 PARAMETER = re.compile(r"^[\w:<>*&\s]+\s[*&]?\w+\s*(=.*)?$")    # "const std::string& path"
 DECLARATION = re.compile(r"^[\w:<>,*& ]*[\w>*&]\s+[*&]?\w+\s*[=({\[;]")
-FAILED = re.compile(r"^\s*\d+ - (\S+) \(", re.M)   # a row of ctest's list of failed tests
+FAILED = re.compile(r"Test +#\d+: (\S+) .*\*\*\*", re.M)   # ctest's line of a test that failed
 
 
 def mask(text):
@@ -214,11 +214,10 @@ def build_and_test(preset, log, jobs, timeout, whole=False):
 
 
 def failed_tests(log):
-    """The tests that the last suite run in the log failed; "(timeout)" when it did not finish."""
+    """The tests that the last suite run in the log failed, and "(timeout)" when it did not finish."""
     text = log.read_text(errors="replace")
     text = text[text.rfind("$ ctest"):]
-    return FAILED.findall(text[text.find("The following tests FAILED:"):]) or \
-        (["(timeout)"] if "timed out after" in text else [])
+    return FAILED.findall(text) + (["(timeout)"] if "timed out after" in text else [])
 
 
 def summarize(matrix):
