@@ -21,6 +21,10 @@
 #include "tests/support/temp_dir.h"
 #include "tests/unit/log_capture.h"
 
+// This program's system log: the priorities the facility sent, in place of the C library's syslog.
+std::string g_system_log;
+extern "C" void syslog(int priority, const char*, ...) { g_system_log += std::to_string(priority) + " "; }
+
 namespace {
 
 using corvane_test::Line;
@@ -32,26 +36,15 @@ std::ostream& operator<<(std::ostream& out, Noisy) {
   return out << "v";
 }
 
-}  // namespace
-
-// This program's system log: the priorities the facility sent, in place of the C library's syslog.
-std::string g_system_log;
-extern "C" void syslog(int priority, const char*, ...) { g_system_log += std::to_string(priority) + " "; }
-
-namespace {
-
 // The frame of the statement that ends the process: a crash handler looks below it for the crash line.
 const char* g_dying_frame = nullptr;
 __attribute__((no_sanitize("address"))) void FindCrashLineOnTheStack(int signal_number) {
   static const char kLine[] = "] the end\n";
   char here = 0;
-  for (const char* p = &here; p + sizeof(kLine) - 1 < g_dying_frame; ++p) {
+  for (const char* p = &here; p + sizeof(kLine) < g_dying_frame; ++p) {
     size_t same = 0;
-    while (same < sizeof(kLine) - 1 && p[same] == kLine[same]) ++same;
-    if (same == sizeof(kLine) - 1) {
-      (void)!write(STDERR_FILENO, "on the stack\n", 13);
-      break;
-    }
+    while (same + 1 < sizeof(kLine) && p[same] == kLine[same]) ++same;
+    if (same + 1 == sizeof(kLine) && write(STDERR_FILENO, "on the stack\n", 13)) break;
   }
   signal(signal_number, SIG_DFL);  // the trap runs again, and ends the process
 }
