@@ -4,8 +4,10 @@
 Run through scripts/mutation.sh. Mutants are spread over the sources by their size and drawn
 from --seed, so the same seed and count give the same mutants again; --only re-checks some.
 Each mutant is applied, built incrementally (ci preset), and the suite run, stopping at the
-first failure; the file is restored whatever happens. A survivor that deleted a free, close
-or unref line also runs the asan preset's suite, which catches the leak. String and character
+first failure; the file is restored whatever happens. A survivor then runs the asan preset's
+suite, as CI does, which catches leaks and reads out of bounds. With --matrix FILE the
+whole suite runs for each mutant and FILE gets the tests that failed, a mutant a line; the
+summary then names the tests that kill no mutant alone. String and character
 literals are never mutated: a changed log text is either caught by a plain comparison or not
 looked at, and says nothing about the code's logic either way.
 """
@@ -24,7 +26,7 @@ KEYWORDS = {"if", "for", "while", "switch", "return", "sizeof", "alignof", "decl
 SYMMETRIC = {"min", "max", "swap"}  # swapping their arguments changes nothing
 PARAMETER = re.compile(r"^[\w:<>*&\s]+\s[*&]?\w+\s*(=.*)?$")    # "const std::string& path"
 DECLARATION = re.compile(r"^[\w:<>,*& ]*[\w>*&]\s+[*&]?\w+\s*[=({\[;]")
-RELEASE = re.compile(r"\w*(free|close|unref)\w*\s*\(|^\s*delete\b", re.I)
+FAILED = re.compile(r"Test +#\d+: (\S+) .*\*\*\*", re.M)   # ctest's line of a test that failed
 
 
 def mask(text):
@@ -199,16 +201,40 @@ def build(preset, log, jobs):
     return run(["cmake", "--build", "--preset", preset, "-j", str(jobs)], log)
 
 
-def test(preset, log, jobs, timeout=None):
+def test(preset, log, jobs, timeout=None, whole=False):
     # Most tests wait on the dispatcher's two-second shutdown: run more than the cores.
-    return run(["ctest", "--preset", preset, "-LE", "real-browsers", "-j", str(2 * jobs),
-                "--stop-on-failure"], log, timeout)
+    return run(["ctest", "--preset", preset, "-LE", "real-browsers", "-j", str(2 * jobs)] +
+               ([] if whole else ["--stop-on-failure"]), log, timeout)
 
 
-def build_and_test(preset, log, jobs, timeout):
+def build_and_test(preset, log, jobs, timeout, whole=False):
     if not build(preset, log, jobs):
         return "no-build"
-    return "killed" if not test(preset, log, jobs, timeout) else "survived"
+    return "killed" if not test(preset, log, jobs, timeout, whole) else "survived"
+
+
+def failed_tests(log):
+    """The tests that the last suite run in the log failed, and "(timeout)" when it did not finish."""
+    text = log.read_text(errors="replace")
+    text = text[text.rfind("$ ctest"):]
+    return FAILED.findall(text) + (["(timeout)"] if "timed out after" in text else [])
+
+
+def summarize(matrix):
+    """Per test, the mutants it kills and those no other test kills, from every row of the matrix file."""
+    kills = {}
+    for row in matrix.read_text().splitlines():
+        mutant, _, tests = row.partition(" killed: ")
+        for name in tests.split():
+            kills.setdefault(name, set()).add(mutant)
+    listed = subprocess.run(["ctest", "--preset", "ci", "-N", "-LE", "real-browsers"], cwd=ROOT,
+                            capture_output=True, text=True).stdout
+    print(f"\ntests by the mutants they kill alone / in all ({matrix}):")
+    for name in sorted(set(re.findall(r"Test +#\d+: (\S+)", listed)) | set(kills),
+                       key=lambda n: (len(kills.get(n, ())), n)):
+        alone = [m for m in kills.get(name, ()) if all(m not in k for o, k in kills.items() if o != name)]
+        print(f"{len(alone):3} / {len(kills.get(name, ())):3}  {name}" +
+              "".join(f"\n          {m}" for m in sorted(alone)))
 
 
 def restore_interrupted():
@@ -231,15 +257,28 @@ def evaluate(mutant, args, log):
         lines = original.decode("utf-8").split("\n")
         lines[number - 1] = new
         source.write_text("\n".join(lines), encoding="utf-8")
-        result = build_and_test("ci", log, args.jobs, args.timeout)
-        if result == "survived" and operator == "delete" and RELEASE.search(mutant[4]):
-            result = build_and_test("asan", log, args.jobs, args.timeout * 3)
+        result = build_and_test("ci", log, args.jobs, args.timeout, bool(args.matrix))
+        if result == "survived":
+            result = build_and_test("asan", log, args.jobs, args.timeout * 3, bool(args.matrix))
             result = "killed (asan)" if result == "killed" else result
+        if args.matrix and result.startswith("killed"):
+            with open(args.matrix, "a") as out:
+                out.write(f"{path}:{number} {operator} {mutant[3]} killed: {' '.join(failed_tests(log))}\n")
         return result
     finally:
         source.write_bytes(original)
         os.utime(source)   # newer than the mutant's objects, so that the next build rebuilds it
         backup.unlink()
+
+
+def equivalence(equivalent, mutant):
+    """Why the mutant is equivalent, from its own entry or its line's; None if it is not listed."""
+    path, number, operator, _, old, new = mutant
+    for where, kind, edit, reason in equivalent:
+        if where == f"{path}:{number}" and kind == operator and \
+                (not edit or edit[0] in old and old.replace(edit[0], edit[1], 1) == new):
+            return reason
+    return None
 
 
 def main():
@@ -254,18 +293,22 @@ def main():
                         help="seconds a mutant's suite may run, a hang being a kill (default: "
                         "three times the unmutated suite's time, at least 60)")
     parser.add_argument("--jobs", type=int, default=2, help="build jobs (default 2)")
+    parser.add_argument("--matrix", type=Path, help="run the whole suite for each mutant and append "
+                        "the tests that kill it to this file; summarize every row of it at the end")
     args = parser.parse_args()
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # quietly, into a pager or head
     for sig in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):  # also when started with SIGINT ignored
         signal.signal(sig, lambda *_: sys.exit(130))
     restore_interrupted()
 
-    equivalent = {}
+    equivalent = []
     if EQUIVALENTS.exists():
         for entry in EQUIVALENTS.read_text().splitlines():
             if entry.strip() and not entry.startswith("#"):
                 where, operator, reason = (entry.split(None, 2) + [""])[:3]
-                equivalent[(where, operator)] = reason
+                # "'A' -> 'B': reason" names the mutant that makes the first A of the line B
+                edit = re.match(r"'(.*?)' -> '(.*?)': ", reason)
+                equivalent.append((where, operator, edit and edit.groups(), reason[edit.end() if edit else 0:]))
     mutants = select(args)
     if args.list:
         for path, number, operator, what, old, new in mutants:
@@ -276,8 +319,7 @@ def main():
     WORK.mkdir(parents=True, exist_ok=True)
     for old_log in WORK.glob("*.log"):
         old_log.unlink()
-    presets = ["ci"] + (["asan"] if any(m[2] == "delete" and RELEASE.search(m[4]) for m in mutants) else [])
-    for preset in presets:
+    for preset in ["ci", "asan"]:
         log = WORK / f"baseline-{preset}.log"
         print(f"unmutated {preset} build and suite ({log.relative_to(ROOT)}) ...", flush=True)
         built, started = run(["cmake", "--preset", preset], log) and build(preset, log, args.jobs), time.time()
@@ -291,7 +333,7 @@ def main():
     for index, mutant in enumerate(mutants, 1):
         path, number, operator, what = mutant[:4]
         started, log = time.time(), WORK / f"{index:03}.log"
-        if (f"{path}:{number}", operator) in equivalent:
+        if equivalence(equivalent, mutant) is not None:
             result = "equivalent"
         else:
             result = evaluate(mutant, args, log)
@@ -303,10 +345,12 @@ def main():
         if results[key]:
             print(f"\n{title}:")
         for path, number, operator, what, old, new in results[key]:
-            reason = equivalent.get((f"{path}:{number}", operator))
+            reason = equivalence(equivalent, (path, number, operator, what, old, new))
             print(f"{path}:{number} {operator} {what}" + (f" ({reason})" if reason else ""))
             print(f"  - {old.strip()}\n  + {new.strip()}")
     k, s, b, e = (len(results[key]) for key in ("killed", "survived", "no-build", "equivalent"))
+    if args.matrix and args.matrix.exists():
+        summarize(args.matrix)
     print(f"score: {k} killed / ({k}+{s}) = {100 * k / max(k + s, 1):.1f}% ({b} did not build, {e} equivalent)")
     return 0
 

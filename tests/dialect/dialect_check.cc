@@ -61,7 +61,7 @@ class Generator {
   }
 
   std::string Subject(const std::string& pattern) {
-    std::string letters = "ab/_-\n";
+    std::string letters = "ab/_-\n \t~";
     for (char c : pattern) {
       if (std::isalnum(static_cast<unsigned char>(c))) letters += c;
     }
@@ -113,7 +113,9 @@ class Generator {
     int roll = Below(100);
     if (depth > 4 || roll < 35) {
       return Pick({"a", "b", "A", "_", "-", "/", "\\d", "\\w", "\\s", "\\W", "[ab]", "[^a]",
-                   "[a-c]", "[]", "[^]", "[\\w-]", "[\\W\\S]", "[[:alpha:]_]", "[z-a]", "\\n",
+                   "[a-c]", "[]", "[^]", "[\\w-]", "[\\W\\S]", "[[:alpha:]_]", "[z-a]", "\\n", "[[:print:]]",
+                   "[^[:punct:]]", "[[:xdigit:][:space:]]", "[[:cntrl:][:blank:]]", "[^[:graph:]]", "[[:UPPER:]]",
+                   "[[:lower:][:digit:]]", "[^[:alnum:]]",
                    "\\x61", "\\u0162", "\\0", "\\-", "\\cA", "[^\\n\\r]", "\\p", "(?<=a)", "\\1"});
     }
     std::string text;

@@ -68,11 +68,16 @@ TEST_F(PolicyToolTest, WhatWouldEndTheDispatcherIsReportedWithExitOne) {
   // The first pattern decides before the broken one is reached; a mailto URL never reaches it.
   EXPECT_EQ(r.out, "work\t*.one.test/*\thttps://www.one.test/\nabort\ta(b/*\thttps://www.corp.test/\n"
                    "non-work\t-\tmailto:x@corp.test\nabort\t-\thttps:\nabort\t-\tWS:\n");
-  EXPECT_NE(r.err.find("\"a(b/*\" is not a valid expression"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("\"a(b/*\" is not a valid expression: '(' without its ')' (offset 1 in \"a(b/(.*)\")"),
+            std::string::npos) << r.err;
   EXPECT_NE(r.err.find("only a scheme and a colon"), std::string::npos) << r.err;
   for (auto [url, code] : {std::pair("http://a.corp.test", 1), {"https:", 1}, {"ftp:", 0}, {"https://a.one.test", 0}})
     EXPECT_EQ(Run("", {"explain", "--local-state", local_state_, url}).exit_code, code) << url;
   EXPECT_EQ(Run("{}", {"explain", "--local-state", local_state_, "https:"}).out, "work\t-\thttps:\n");  // no policy
+  // Standard input that cannot be read (a folder) is no empty list of URLs.
+  r = Run("", {"explain"}, "", {"/bin/sh", "-c", "exec \"$@\" < /", "sh"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("cannot read standard input: Is a directory"), std::string::npos) << r.err;
 }
 
 TEST_F(PolicyToolTest, CheckShowsWhatTheDispatcherWouldDoAndExitsOneIfItCannotRunAsPlanned) {

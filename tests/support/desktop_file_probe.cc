@@ -11,5 +11,6 @@ int main(int argc, char** argv) {
   GDesktopAppInfo* info = g_desktop_app_info_new(argv[1]);
   const char* gio = info ? g_desktop_app_info_get_filename(info) : nullptr;
   printf("%s\n%s\n", gio ? gio : "-", ours ? ours->c_str() : "-");
+  if (info) g_object_unref(info);
   return 0;
 }

@@ -42,8 +42,8 @@ inline ProcessResult RunProcess(const Strings& argv, const ProcessOptions& optio
   std::map<std::string, std::optional<std::string>> variables;
   for (char** e = environ; *e; ++e) {
     std::string entry = *e, name = entry.substr(0, entry.find('='));
-    // A sanitized child reports as its parent was told to.
-    if (!options.clear_environment || name.find("SAN_OPTIONS") != std::string::npos)
+    // A sanitized child reports as its parent was told to, GLib's memory included (G_SLICE).
+    if (!options.clear_environment || name.find("SAN_OPTIONS") != std::string::npos || name == "G_SLICE")
       variables[name] = entry.substr(std::min(name.size() + 1, entry.size()));
   }
   for (const auto& [name, value] : options.env) variables[name] = value;

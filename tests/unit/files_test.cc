@@ -11,6 +11,7 @@
 
 #include "base/files/file_path.h"
 #include "base/files/file_util.h"
+#include "base/files/path_service.h"
 #include "base/files/time.h"
 #include "gtest/gtest.h"
 #include "tests/support/temp_dir.h"
@@ -27,6 +28,12 @@ TEST(FilePathTest, AppendJoinsWithOneSeparator) {
   };
   for (const auto& [path, component, joined] : cases)
     EXPECT_EQ(AppendPath(FilePath(path), component).value(), joined) << path << " + " << component;
+  // A user without a configuration folder, a home or a password entry has no folder for the dispatcher's files.
+  FilePath folder;
+  if (geteuid() != 0) return;  // only root can take an id without a password entry
+  EXPECT_EXIT({ unsetenv("HOME"); setenv("XDG_CONFIG_HOME", "relative", 1);
+                _exit(setuid(4242) == 0 && !LookupPath(DIR_APP_DATA, &folder) && folder.empty() ? 0 : 1); },
+              ::testing::ExitedWithCode(0), "");
 }
 
 TEST(FileUtilTest, InformationFollowsLinksKeepsTheBirthTimeAndDeletionRemovesOneEntry) {
@@ -51,6 +58,8 @@ TEST(FileUtilTest, InformationFollowsLinksKeepsTheBirthTimeAndDeletionRemovesOne
   ASSERT_TRUE(GetFileInformation(FilePath(file), &later));
   EXPECT_EQ(later.creation_time, info.creation_time);
   EXPECT_GT(later.last_modified.ToInternalValue(), info.last_modified.ToInternalValue());
+  // A file system that records no birth time (procfs) gives the oldest time that it records.
+  ASSERT_TRUE(GetFileInformation(FilePath("/proc/self/stat"), &later) && !later.creation_time.is_null());
   ASSERT_TRUE(GetFileInformation(FilePath(full), &info) && info.is_directory);
   EXPECT_TRUE(PathExists(FilePath(link)));
   EXPECT_FALSE(PathExists(FilePath(dir.Child("dangling"))) || PathExists(FilePath()));
@@ -98,6 +107,7 @@ TEST(TimeTest, ConversionsSpansAndWholeHoursSaturate) {
   EXPECT_TRUE(TimePoint::FromAbsoluteTime(0).is_null());
   EXPECT_EQ(TimePoint::FromAbsoluteTime(1.5).ToInternalValue(), TimePoint::kUnixEpochOffset + 978307201500000);
   EXPECT_EQ(TimePoint::FromAbsoluteTime(1e300), TimePoint::Max());
+  EXPECT_EQ(TimePoint::FromAbsoluteTime(9222393729654.775), TimePoint::Max()) << "2^63 microseconds since 1970";
   EXPECT_EQ(TimePoint::FromAbsoluteTime(-1e300), TimePoint::Min());
 
   EXPECT_EQ(TimePoint::Max() - TimePoint::FromInternalValue(-5), TimeSpan::Max());

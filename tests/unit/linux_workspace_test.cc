@@ -47,7 +47,8 @@ TEST(LinuxWorkspaceTest, LocationsGiveTheirPathAndOnlyLocalFilesCanBeStarted) {
       {"file://server.example/opt/browser", "/opt/browser", none},
       // No path at all: opaque URLs and escapes that spell no file name.
       {"mailto:someone@example.com", none, none}, {"file:///opt/a%00b", none, none}, {"file:///opt/%FF", none, none},
-      {"file:///opt/%C3", none, none}, {"file:///a%2", none, none},
+      {"file:///opt/%C3", none, none}, {"file:///a%2", none, none}, {"file:///%ED%A0%80", none, none},
+      {"file:///%F4%8F%BF%BF", "/\xF4\x8F\xBF\xBF", "/\xF4\x8F\xBF\xBF"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(UrlPath(c.location), c.path) << c.location;

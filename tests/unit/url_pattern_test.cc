@@ -56,7 +56,7 @@ TEST(UrlPatternTest, WildcardMatcherAgreesWithTheExpressionLibrary) {
   const char* wildcards[] = {
       "*",       "**",  "*.*", "*..*", "a*a",  "*a*a*", "*ab*ab*", "*.corp.test/*", "corp.test",
       "*/",      ".*",  "*.",  "a**b", "ab*",  "*ab",   "x.y",     "*.x*.",         "*/*",
-      "*.a.*.b*", "",   "*/app/*",     "a*b*c*d/",    "*aa*aa/", "*.a*",         "ab*?*", "a*b?",
+      "*.a.*.b*", "",   "*/app/*",     "a*b*c*d*/",   "*aa*aa/", "*.a*",         "ab*?*", "a*b?",
       "^*.a*$",  "(*)+a", "(a*)b",     "*[.]x?*",     "\\/*",
   };
   const char* others[] = {"a*b+", "(a|b)*", "a.?", "*\\b*", "(*)\\1"};
@@ -92,7 +92,8 @@ TEST(UrlPatternTest, CheckNamesTheProblemAndItsOffsetInTheTranslation) {
       {"(?<=a)", "'(?' must be followed by ':', '=' or '!'", 1},
       {"a{2,1}", "repetition {n,m} with m smaller than n", 1},
       {"(a)\\2", "back-reference \\2 to a group not opened before it (1 there)", 3},
-      {"[[:word:]]", "unknown character class name", 3},
+      {"[[:word:]]", "unknown character class name", 3}, {"a[[=a]", "missing '=]' for '[='", 2},
+      {"\\4294967290", "back-reference number too large", 0},
       // Limits of our own, where the C++ library accepts more.
       {"a{70000}", "repetition counts above 65535 are not supported", 1},
       {deep, "groups nested more than 200 deep", 200},

@@ -32,6 +32,7 @@ TEST(WebUrlTest, PunycodeAgreesWithTheLibrary) {
     EXPECT_EQ(EncodeMappedDomain(label), ascii);
     EXPECT_EQ(DecodeDomainLabels(*ascii), label);
   }
+  EXPECT_EQ(DecodeDomainLabels("xn--a_b.xn--fa-hia"), "xn--a_b.fa\u00df") << "no Punycode: kept as written";
 }
 
 // The table in web_url_readings.txt: each spelling is read as Node reads it,
