@@ -65,7 +65,7 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
           {"patterns": ["*.corp.test/*", )" + number + R"(, "corp.test/*"], "name": "intranét 😀"},
           {"name": "rule without patterns"}, "a rule that is no object", {"patterns": ["x/*", 1],
           "patterns": "not an array"}, {"patterns": []}, {"patterns": 0, "patterns": ["\u00e9xample.test/*", null,
-          "a\u0000b\uD83D\ude00", "c\\.d\"1e400"]}]}}})");
+          "a\u0000b\uD83D\ude00\u20AF", "c\\.d\"1e400"]}]}}})");
     SCOPED_TRACE(std::to_string(start.size()) + number);
     EXPECT_EQ(log_.lines(), Parsed({kPolicyRead, kBrowserRead}));
     EXPECT_EQ(policy.status, LocalStateStatus::kParsed);
@@ -78,7 +78,8 @@ TEST_F(LocalStateTest, ReadsRulesPatternsAndBrowserFromAFullDocument) {
     }
     EXPECT_EQ(read, (std::vector<std::string>{"rule:", "*.corp.test/*", "(skipped)", "corp.test/*", "skipped rule",
                                               "skipped rule", "skipped rule", "rule:", "rule:", "\xc3\xa9xample.test/*",
-                                              "(skipped)", std::string("a\0b\xF0\x9F\x98\x80", 7), "c\\.d\"1e400"}));
+                                              "(skipped)", std::string("a\0b\xF0\x9F\x98\x80\xE2\x82\xAF", 10),
+                                              "c\\.d\"1e400"}));
     EXPECT_EQ(policy.non_work_browser_url, "file:///usr/share/applications/other.desktop");
   }
 }
