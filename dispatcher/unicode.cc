@@ -195,51 +195,59 @@ bool PunycodeDecode(std::string_view label, std::u32string& out) {
   return true;
 }
 
-std::optional<std::string> EncodeMappedDomain(std::string_view mapped) {
-  std::string result;
-  std::u32string label;
-  size_t start = 0;
-  while (true) {
-    size_t dot = mapped.find('.', start);
-    std::string_view text = mapped.substr(start, dot == std::string_view::npos ? dot : dot - start);
-    label.clear();
-    bool ascii = true;
-    for (size_t i = 0; i < text.size();) {
-      size_t length = Utf8SequenceLength(text, i);
-      if (length == 0) return std::nullopt;
-      label += DecodeUtf8(text, i, length);
-      ascii = ascii && length == 1;
-      i += length;
-    }
-    if (ascii) {
-      result += text;
-    } else {
-      result += "xn--";
-      if (!PunycodeEncode(label, result)) return std::nullopt;
-    }
-    if (dot == std::string_view::npos) return result;
+namespace {
+
+// Each dot-separated label of `domain` through `label_to`, which appends it
+// to `result`, the dots kept; false as soon as a label fails.
+template <typename LabelTo>
+bool MapDomainLabels(std::string_view domain, std::string& result, LabelTo label_to) {
+  for (size_t start = 0;;) {
+    size_t dot = domain.find('.', start);
+    if (!label_to(domain.substr(start, dot == std::string_view::npos ? dot : dot - start), result)) return false;
+    if (dot == std::string_view::npos) return true;
     result += '.';
     start = dot + 1;
   }
 }
 
+}  // namespace
+
+std::optional<std::string> EncodeMappedDomain(std::string_view mapped) {
+  std::string result;
+  std::u32string label;
+  bool encoded = MapDomainLabels(mapped, result, [&label](std::string_view text, std::string& out) {
+    label.clear();
+    bool ascii = true;
+    for (size_t i = 0; i < text.size();) {
+      size_t length = Utf8SequenceLength(text, i);
+      if (length == 0) return false;
+      label += DecodeUtf8(text, i, length);
+      ascii = ascii && length == 1;
+      i += length;
+    }
+    if (ascii) {
+      out += text;
+      return true;
+    }
+    out += "xn--";
+    return PunycodeEncode(label, out);
+  });
+  return encoded ? std::optional(std::move(result)) : std::nullopt;
+}
+
 std::string DecodeDomainLabels(std::string_view domain) {
   std::string result;
   std::u32string label;
-  size_t start = 0;
-  while (true) {
-    size_t dot = domain.find('.', start);
-    std::string_view text = domain.substr(start, dot == std::string_view::npos ? dot : dot - start);
+  MapDomainLabels(domain, result, [&label](std::string_view text, std::string& out) {
     label.clear();
     if (text.size() > 4 && text.substr(0, 4) == "xn--" && PunycodeDecode(text.substr(4), label)) {
-      for (char32_t c : label) AppendUtf8(c, result);
+      for (char32_t c : label) AppendUtf8(c, out);
     } else {
-      result += text;
+      out += text;
     }
-    if (dot == std::string_view::npos) return result;
-    result += '.';
-    start = dot + 1;
-  }
+    return true;
+  });
+  return result;
 }
 
 std::string LowercaseUrlText(std::string_view text) {
