@@ -174,6 +174,7 @@ TEST_F(DispatcherTest, LogsItsWholeLifeToFileAndStandardErrorAndRoutesEveryUrlTo
   const std::tuple<std::string, std::string, std::string> rows[] = {
       {"ln -s \"$V\" \"$L\"", kRun, "a symbolic link"}, {"ln -s \"$V.new\" \"$L\"", kRun, "a symbolic link"},
       {"ln \"$V\" \"$L\"", kRun, "a hard link"}, {"mkfifo \"$L\"", kRun, "not a regular file"},
+      {"mkfifo \"$L\" && exec 3<>\"$L\"", kRun, "not a regular file"},  // a FIFO with a reader opens
       {"mkdir \"$L\"", kRun, "not a regular file"}, {"cp \"$V\" \"$L\" && chown 65534 \"$L\"", kRun, "another user's"},
       {"cp \"$V\" \"$L\" && chmod 644 \"$L\"", "exec prlimit --fsize=8020 \"$D\" \"$@\"", ""},  // full, and tightened
       {"true", kRun + " <&- >&- 2>&-", ""}};
