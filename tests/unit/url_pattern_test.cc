@@ -93,6 +93,7 @@ TEST(UrlPatternTest, CheckNamesTheProblemAndItsOffsetInTheTranslation) {
       {"a{2,1}", "repetition {n,m} with m smaller than n", 1},
       {"(a)\\2", "back-reference \\2 to a group not opened before it (1 there)", 3},
       {"[[:word:]]", "unknown character class name", 3}, {"a[[=a]", "missing '=]' for '[='", 2},
+      {"a]", "']' outside a character class must be escaped", 1},
       {"\\4294967290", "back-reference number too large", 0},
       // Limits of our own, where the C++ library accepts more.
       {"a{70000}", "repetition counts above 65535 are not supported", 1},
