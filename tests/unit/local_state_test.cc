@@ -124,6 +124,14 @@ TEST_F(LocalStateTest, FilesThatCannotBeReadOrParsedStopEarlyWithTheirLine) {
   EXPECT_EQ(ReadLocalStatePolicy(base::FilePath(dir_.Child("fifo"))).status, LocalStateStatus::kParseFailed);
   Read("17");
   EXPECT_NE(log_.lines()[3].message.find("not an object or an array"), std::string::npos);
+  // A pipe that holds a document (a shell's "<(...)") is read whole.
+  int ends[2];
+  const std::string json = R"({"browser": {"browserPathForNonWorkLinks": "file:///b"}})";
+  ASSERT_TRUE(pipe(ends) == 0 && write(ends[1], json.data(), json.size()) == static_cast<ssize_t>(json.size()));
+  close(ends[1]);
+  EXPECT_EQ(ReadLocalStatePolicy(base::FilePath("/proc/self/fd/" + std::to_string(ends[0]))).non_work_browser_url,
+            "file:///b");
+  close(ends[0]);
 }
 
 TEST_F(LocalStateTest, EachMissingOrMistypedLevelLogsItsOwnLineAndTheRestIsStillRead) {
