@@ -33,6 +33,7 @@ TEST(WebUrlTest, PunycodeAgreesWithTheLibrary) {
     EXPECT_EQ(DecodeDomainLabels(*ascii), label);
   }
   EXPECT_EQ(DecodeDomainLabels("xn--a_b.xn--fa-hia"), "xn--a_b.fa\u00df") << "no Punycode: kept as written";
+  EXPECT_EQ(DecodeDomainLabels(EncodeMappedDomain("a\U0010FFFF").value_or("")), "a\U0010FFFF") << "the last one";
 }
 
 // The table in web_url_readings.txt: each spelling is read as Node reads it,
