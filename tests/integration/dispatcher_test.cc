@@ -77,7 +77,9 @@ class DispatcherTest : public ::testing::Test {
     // The program's folder needs escapes in a URL; GIO refuses a "%" in the program path of an entry.
     for (auto [link, target] : {std::pair("B 100%/other browser", CORVANE_RECORDER_BROWSER),
                                 {"Entry/work browser", CORVANE_RECORDER_BROWSER},
-                                {"Entry/other browser", CORVANE_RECORDER_BROWSER}, {"bin/linked", CORVANE_DISPATCHER_BINARY}})
+                                {"Entry/other browser", CORVANE_RECORDER_BROWSER},
+                                {"bin/linked", CORVANE_DISPATCHER_BINARY},
+                                {"bin/corvane-dispatcher", CORVANE_DISPATCHER_BINARY}})
       ASSERT_EQ(symlink(target, Home(link).c_str()), 0);
     const std::string other = Home("Entry/other browser");
     for (const auto& [path, text] : std::vector<std::pair<std::string, std::string>>{
@@ -88,7 +90,8 @@ class DispatcherTest : public ::testing::Test {
              {Home("org.example.Unserved.desktop"), Entry(other, true)},
              {Home("readme.txt"), "touch '" + Home("ran") + "'\n"},  // if a shell ran it
              {Home("bin/wrapper"), "#!/bin/sh\n\"$D\" \"$@\"\n"},     // $D: the dispatcher, which it does not name
-             {Home("bin/exec-wrapper"), "#!/bin/sh\nexec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n"}})
+             {Home("bin/exec-wrapper"), "#!/bin/sh\nexec '" CORVANE_DISPATCHER_BINARY "' \"$@\"\n"},
+             {Home("bin/name-wrapper"), "#!/bin/sh\nexec corvane-dispatcher \"$@\"\n"}})  // found on PATH
       ASSERT_TRUE(WriteFile(path, text, path.ends_with(".desktop") ? 0644 : 0755));
     ASSERT_EQ(mkfifo(Home("fifo.desktop").c_str(), 0644), 0);  // no writer ever comes
     for (const std::string name : {"com.velora.velorabrowser", "org.example.Personal"}) {
@@ -111,7 +114,7 @@ class DispatcherTest : public ::testing::Test {
     options.clear_environment = true;  // and no session bus: every process handles its own delivery
     // The configuration folder is "config", not "$HOME/.config", spelled with a ".." that the lines show resolved.
     options.env = {{"HOME", home_.path()}, {"XDG_CONFIG_HOME", Home("data/../config")}, {"XDG_DATA_DIRS", Home("data")},
-                   {"PATH", "/usr/bin:/bin"},
+                   {"PATH", Home("bin") + ":/usr/bin:/bin"},
                    {"CORVANE_RECORDER_DIR", Home("records")}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
                    {"LD_PRELOAD", clock_ahead_seconds ? CORVANE_FAKE_CLOCK_LIBRARY : ""},
                    {"CORVANE_FAKE_CLOCK_OFFSET_SECONDS", std::to_string(clock_ahead_seconds)},
@@ -429,6 +432,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"OwnProgram", "file://" CORVANE_DISPATCHER_BINARY, "", false, kOtherUrl, kRefused, kWork, 1},
         {"LinkToIt", "file://$HOME/bin/linked", "", false, kOtherUrl, kRefused, kWork, 1},
         {"WrapperNamingIt", "file://$HOME/bin/exec-wrapper", "", false, kOtherUrl, kRefused, kWork, 1},
+        {"WrapperNamingItByName", "file://$HOME/bin/name-wrapper", "", false, kOtherUrl, kRefused, kWork, 1},
         {"EntryRunningIt", "file://$HOME/runs-us.desktop", "", false, kOtherUrl, kRefused, kWork, 1},
         {"EntryOfOurName", "file://$HOME/com.halvard.corvane.dispatcher.desktop", "", false, kOtherUrl, kRefused, kWork,
          1},
