@@ -65,7 +65,8 @@ TEST(LoggingTest, LinesCarryLocalTimeSeverityAndBaseNameLevelsFilterAndErrnoIsTh
   const std::tuple<const char*, int, int, const char*> cases[] = {
       {__FILE__, 67, logging::LOG_INFO, "INFO:logging_test.cc(67)"}, {"a/b\\c.txt", 3, 1, "WARNING:c.txt(3)"},
       {"plain.mm", 1234, 2, "ERROR:plain.mm(1234)"}, {"dir/", 5, 4, "UNKNOWN:(5)"}, {"f", 0, 100, "UNKNOWN:f(0)"},
-      {"f", -7, -1, "VERBOSE1:f(-7)"}, {"f", 1, -12, "VERBOSE12:f(1)"}, {"f", 2, -12, "VERBOSE12:f(2)"}};
+      {"f", -7, -1, "VERBOSE1:f(-7)"}, {"f", 1, -12, "VERBOSE12:f(1)"}, {"f", 2, -12, "VERBOSE12:f(2)"},
+      {"f", 2, 1, "WARNING:f(2)"}};
   for (const auto& [file, line, severity, rest] : cases)
     logging::LogMessage(file, line, severity).stream() << "m " << 42;
   saved.empty() ? unsetenv("TZ") : setenv("TZ", saved.c_str(), 1);
